@@ -1,0 +1,38 @@
+// The dynamic linker binds the library's operator new and delete to these as well.
+
+#include "support/allocation_faults.h"
+
+#include <cstdlib>
+#include <new>
+
+namespace {
+thread_local long left = -1;  // below 0: all succeed
+thread_local bool failed = false;
+}  // namespace
+
+namespace allocations {
+
+void failAfter(long count) {
+  left = count;
+  failed = false;
+}
+
+bool stopFailing() {
+  left = -1;
+  return failed;
+}
+
+}  // namespace allocations
+
+void *operator new(std::size_t size) {
+  if (left == 0) {
+    failed = true;
+    throw std::bad_alloc();
+  }
+  if (left > 0) left--;
+  if (void *memory = malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+
+void operator delete(void *memory) noexcept { free(memory); }
+void operator delete(void *memory, std::size_t) noexcept { free(memory); }

@@ -1,0 +1,122 @@
+// The functions below take the place of the platform's: the dynamic linker binds
+// the library's calls to the test program first. Each forwards to the real one.
+
+#include "support/platform_faults.h"
+
+#include <dlfcn.h>
+
+#include <map>
+
+#include "kestcore.h"
+#include "kestsdk.h"
+
+namespace platform {
+
+namespace {
+
+std::map<std::string, int> countdown;  // calls left until the failing one
+std::vector<std::string> calls;
+
+}  // namespace
+
+void reset() {
+  countdown.clear();
+  calls.clear();
+}
+
+void failCall(const std::string &function, int nth) { countdown[function] = nth; }
+
+std::vector<std::string> takeCalls() {
+  std::vector<std::string> taken;
+  taken.swap(calls);
+  return taken;
+}
+
+namespace {
+
+bool fails(const char *function) {
+  const auto found = countdown.find(function);
+  return found != countdown.end() && --found->second == 0;
+}
+
+void note(const char *function, const std::string &what = "") {
+  calls.push_back(what.empty() ? function : std::string(function) + " " + what);
+}
+
+// The platform's own function of this name.
+template <typename Function>
+Function *real(Function * /*declared*/, const char *name) {
+  return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+}  // namespace platform
+
+#define FAIL_OR_FORWARD(function, failure, ...)   \
+  if (platform::fails(#function)) return failure; \
+  return platform::real(&function, #function)(__VA_ARGS__)
+
+extern "C" {
+
+KLIBCSzHash *KLIBCSzHashAlloc(int size) {
+  platform::note("KLIBCSzHashAlloc", std::to_string(size));
+  FAIL_OR_FORWARD(KLIBCSzHashAlloc, nullptr, size);
+}
+
+int KLIBCSzHashSetValue(KLIBCSzHash **table, const char *key, const char *value) {
+  FAIL_OR_FORWARD(KLIBCSzHashSetValue, -1, table, key, value);
+}
+
+int KLIBCFileGetPair(const char *path, KLIBCSzHash **table) {
+  platform::note("KLIBCFileGetPair", path);
+  FAIL_OR_FORWARD(KLIBCFileGetPair, -1, path, table);
+}
+
+int KLIBCFileSetKeys(const char *path, const KLIBCSzHash *table, int flags,
+                     const char *format) {
+  platform::note("KLIBCFileSetKeys", path);
+  FAIL_OR_FORWARD(KLIBCFileSetKeys, -1, path, table, flags, format);
+}
+
+int KLIBCFileGetSectionValue(const char *path, const char *section, const char *key,
+                             char *buffer, int size) {
+  platform::note("KLIBCFileGetSectionValue",
+                 std::string(path) + " " + section + " " + key);
+  FAIL_OR_FORWARD(KLIBCFileGetSectionValue, -1, path, section, key, buffer, size);
+}
+
+int KLIBCFileSetSectionValue(const char *path, const char *section, const char *key,
+                             const char *value, const char *format) {
+  platform::note("KLIBCFileSetSectionValue", std::string(section) + " " + value);
+  FAIL_OR_FORWARD(KLIBCFileSetSectionValue, -1, path, section, key, value, format);
+}
+
+int KLIBCExec(const char *program, const char *arg1, const char *arg2, const char *arg3,
+              const char *arg4) {
+  std::string line = program;
+  for (const char *argument : {arg1, arg2, arg3, arg4}) {
+    if (argument == nullptr) break;
+    line += std::string(" ") + argument;
+  }
+  platform::note("KLIBCExec", line);
+  FAIL_OR_FORWARD(KLIBCExec, -1, program, arg1, arg2, arg3, arg4);
+}
+
+int KLIBCryptSzEncrypt(const char *plain, char *buffer, int size) {
+  platform::note("KLIBCryptSzEncrypt");
+  FAIL_OR_FORWARD(KLIBCryptSzEncrypt, 0, plain, buffer, size);
+}
+
+int KLIBCryptSzDecrypt(const char *text, char *buffer, int size) {
+  platform::note("KLIBCryptSzDecrypt");
+  FAIL_OR_FORWARD(KLIBCryptSzDecrypt, 0, text, buffer, size);
+}
+
+int KESTFwRuleHup() {
+  platform::note("KESTFwRuleHup");
+  if (platform::fails("KESTFwRuleHup")) return -1;
+  return platform::real(&KESTFwRuleHup, "KESTFwRuleHup")();
+}
+
+}  // extern "C"
