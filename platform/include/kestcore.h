@@ -20,13 +20,13 @@ enum KLIBCError {
   KLIBC_ERR_NONE = 0x0000,
   KLIBC_ERR_BAD_PARAMETERS = 0x0D00,  // null pointer, empty key, bad format
   KLIBC_ERR_OUT_OF_MEMORY = 0x0200,
-  KLIBC_ERR_OPEN_FAILED = 0x0900,     // file missing, unreadable, not creatable
+  KLIBC_ERR_OPEN_FAILED = 0x0900,  // file missing, unreadable, not creatable
   KLIBC_ERR_READ_FAILED = 0x0B00,
   KLIBC_ERR_WRITE_FAILED = 0x0C00,
-  KLIBC_ERR_VALUE_REFUSED = 0x0E00,   // a key or value that would forge a line
-  KLIBC_ERR_TOO_LONG = 0x0F00,        // does not fit the caller's buffer
+  KLIBC_ERR_VALUE_REFUSED = 0x0E00,  // a key or value that would forge a line
+  KLIBC_ERR_TOO_LONG = 0x0F00,       // does not fit the caller's buffer
   KLIBC_ERR_NOT_FOUND = 0x0700,
-  KLIBC_ERR_EXEC_FAILED = 0x1000,     // not runnable, non-zero exit, signal
+  KLIBC_ERR_EXEC_FAILED = 0x1000,  // not runnable, non-zero exit, signal
   KLIBC_ERR_CRYPT_FAILED = 0x1100,
 };
 
@@ -71,7 +71,7 @@ KLIBCSzList *KLIBCSzListAlloc(int size);
 int KLIBCSzListPush(KLIBCSzList **list, const char *item);
 
 // The item at `index` (from 0), or null past either end. The text belongs to
-// the list.
+// the list and lives until the next push.
 const char *KLIBCSzListGet(const KLIBCSzList *list, int index);
 
 // Frees the list and its items; null is accepted.
@@ -82,15 +82,18 @@ void KLIBCSzListFree(KLIBCSzList *list);
 // A settings line is: key, "=", and a value that stands between the first and
 // the last double quote of the line; blanks around the key do not count and
 // whatever follows the last quote is ignored. Nothing is escaped. Lines that
-// are not of this form, and lines whose first visible character is "#", are
-// comments: never read, always kept to the byte. When a key occurs on several
-// lines the last one counts for reading, and writing replaces them all.
+// are not of this form, lines whose first visible character is "#" or "[", and
+// lines that hold a NUL byte are comments: never read, always kept to the byte.
+// When a key occurs on several lines the last one counts for reading, and
+// writing replaces them all.
 //
 // Every function that writes holds a lock between processes from its reading to
 // its end and replaces the file in one step: a new file beside it is written,
 // synced and renamed, and the folder synced. Mode and owner of an existing file
 // are kept (a symbolic link is followed); a missing file is created with mode
-// 0644. A crash at any moment leaves the old file or the new one, whole.
+// 0644. A crash at any moment leaves the old file or the new one, whole. A
+// negative result leaves the old one, with a single exception: when the folder
+// cannot be synced after the rename (a failing disk), the new one stands already.
 //
 // `format` is a line with exactly two "%s", for key and value in this order,
 // "%%" for a percent sign, no other conversion; it must end with a newline. A
@@ -142,9 +145,9 @@ int KLIBCFileGetSectionValue(const char *path, const char *section, const char *
 
 // Replaces, or adds at the end of the section, one key of the first section
 // named `section`; a missing section is added at the end of the file. Written
-// with the guarantees and refusals of the settings files; a section name must
-// hold no newline, no "]" and no blank at either end. Returns 0, or a negative
-// value with the file as it was.
+// with the guarantees and refusals of the settings files; besides, a key must not
+// begin with ";", and a section name must hold no newline, no "]" and no blank at
+// either end. Returns 0, or a negative value with the file as it was.
 int KLIBCFileSetSectionValue(const char *path, const char *section, const char *key,
                              const char *value, const char *format);
 
@@ -163,7 +166,8 @@ int KLIBCFileExist(const char *path);
 // Finds the first line of `path` that holds `text` and copies it, without its
 // newline and cut to fit, into buffer[size]. Returns the number of bytes copied
 // (above 0); 0 with an empty buffer when no line holds it; negative when the
-// file cannot be read. `text` must not be empty; `flags` is 0.
+// file cannot be read. `text` must not be empty and size be 2 at least; `flags`
+// is 0.
 int KLIBCFileGetLine(const char *path, const char *text, char *buffer, int size,
                      int flags);
 
