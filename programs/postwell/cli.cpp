@@ -1,0 +1,54 @@
+// The frame of the command line: the nouns, and what becomes of their failures.
+//
+// CLI11 parses everything and checks every value before it runs the command, so
+// a wrong option never follows a change. Its own exit codes all become 2.
+
+#include "cli.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "command.h"
+#include "common/text.h"
+#include "nouns.h"
+
+namespace {
+
+int run(int argc, const char *const *argv) {
+  CLI::App app(
+      "Manages the mail server package: shows and changes its settings and makes\n"
+      "Postfix and Dovecot follow.",
+      "postwell");
+  app.set_version_flag("--version", "postwell " POSTWELL_VERSION);
+  app.require_subcommand(1);
+  app.failure_message([](const CLI::App *, const CLI::Error &error) {
+    // The message may quote an argument.
+    return "postwell: " + printable(error.what()) +
+           "\nRun with --help for more information.\n";
+  });
+  addSmtp(app);
+  addRelay(app);
+  addProtocol(app);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &error) {
+    return app.exit(error, std::cout, std::cerr) == 0 ? kDone : kWrongUsage;
+  }
+  return kDone;
+}
+
+}  // namespace
+
+int runCli(int argc, const char *const *argv) noexcept {
+  try {
+    const int status = run(argc, argv);
+    if (std::cout.flush()) return status;
+    std::cerr << "postwell: cannot write to standard output\n";
+  } catch (const Failure &failure) {
+    std::cerr << "postwell: " << failure.what() << '\n';
+    return failure.status();
+  } catch (const std::exception &error) {
+    std::cerr << "postwell: " << error.what() << '\n';
+  }
+  return kFailed;
+}

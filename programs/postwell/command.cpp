@@ -1,0 +1,77 @@
+// Output and failures that all nouns share.
+//
+// The settings file is edited by hand at times and may hold anything: nothing of
+// it reaches the terminal unescaped, neither as text nor as JSON.
+
+#include "command.h"
+
+#include <iomanip>
+#include <iostream>
+
+#include "common/text.h"
+
+namespace {
+
+std::string forTerminal(const Values &value) {
+  if (value.is_boolean()) return value.get<bool>() ? "yes" : "no";
+  if (!value.is_string()) return value.dump();
+  const auto &text = value.get_ref<const std::string &>();
+  return text.empty() ? "(none)" : printable(text);
+}
+
+void printLines(const Values &values) {
+  constexpr int kColumn = 18;  // fits the longest key
+  for (const auto &[key, value] : values.items())
+    std::cout << std::left << std::setw(kColumn) << key << forTerminal(value) << '\n';
+}
+
+void printJson(const Values &values) {
+  constexpr bool kAsciiOnly = true;  // a terminal may be reading
+  std::cout << values.dump(2, ' ', kAsciiOnly, Values::error_handler_t::replace) << '\n';
+}
+
+}  // namespace
+
+Failure settingsUnreadable() {
+  return {kFailed,
+          "cannot read the settings of the mail server package.\n"
+          "Run as root, and make sure that the package is installed."};
+}
+
+Failure relayPasswordLost() {
+  return {
+      kFailed,
+      "the stored relay password cannot be decrypted; it was made on another machine or\n"
+      "changed by hand. Nothing was changed. Set it again:\n"
+      "postwell relay set --password-stdin"};
+}
+
+Failure saveFailed(bool written) {
+  if (!written)
+    return {kFailed,
+            "saving failed and the settings are not as wanted.\n"
+            "Run as root; the system log tells which step failed."};
+  return {
+      kFailed,
+      "the new settings are in the file, but the daemons may not follow them.\n"
+      "The lines above and the system log tell which step failed; correct the cause and\n"
+      "set them again."};
+}
+
+CLI::App &addNoun(CLI::App &app, const std::string &name, const std::string &help) {
+  CLI::App *const noun = app.add_subcommand(name, help);
+  noun->require_subcommand(1);
+  return *noun;
+}
+
+void addShow(CLI::App &noun, const std::function<Values()> &read) {
+  CLI::App *const command = noun.add_subcommand("show", "Show the settings");
+  const CLI::Option *const json =
+      command->add_flag("--json", "As JSON, with keys that never change");
+  command->callback([read, json] {
+    const Values values = read();
+    json->count() > 0 ? printJson(values) : printLines(values);
+  });
+}
+
+const char *onOff(bool flag) { return flag ? "on" : "off"; }

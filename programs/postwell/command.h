@@ -1,0 +1,90 @@
+// What the commands of all nouns share: the verbs "show" and "set", and the ways
+// in which a command fails.
+
+#ifndef POSTWELL_PROGRAMS_COMMAND_H_
+#define POSTWELL_PROGRAMS_COMMAND_H_
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "rules.h"
+
+enum ExitStatus { kDone = 0, kFailed = 1, kWrongUsage = 2 };
+
+// Ends a command. The text tells the user what to do and is safe to print.
+class Failure : public std::runtime_error {
+ public:
+  Failure(ExitStatus status, const std::string &text)
+      : std::runtime_error(text), status_(status) {}
+  ExitStatus status() const { return status_; }
+
+ private:
+  ExitStatus status_;
+};
+
+Failure settingsUnreadable();
+// The stored password comes from another machine or was changed by hand; every
+// save reads it first, so none can succeed until it is set anew.
+Failure relayPasswordLost();
+// A save failed. `written`: the new settings are in the file all the same.
+Failure saveFailed(bool written);
+
+// The settings of one noun by their JSON keys, in the order in which they are
+// shown. Strings may hold any bytes.
+using Values = nlohmann::ordered_json;
+
+// Adds the noun; a command line must name one of its verbs.
+CLI::App &addNoun(CLI::App &app, const std::string &name, const std::string &help);
+
+// Adds "show [--json]", which prints what `read` returns.
+void addShow(CLI::App &noun, const std::function<Values()> &read);
+
+// "on" or "off", for messages.
+const char *onOff(bool flag);
+
+// The verb "set": its options, each tied to the setter that it stands for. A copy
+// refers to the same command.
+template <class Settings>
+class SetCommand {
+ public:
+  explicit SetCommand(CLI::App &noun)
+      : command_(noun.add_subcommand(
+            "set", "Change settings; what is not named stays as it is")),
+        changes_(std::make_shared<std::vector<Change>>()) {
+    command_->require_option();
+  }
+
+  CLI::App *command() const { return command_; }
+
+  // Adds an option that is checked by the rule and then given to the setter, a
+  // member function or anything called with the settings and a value.
+  template <class Value, class Setter>
+  void option(const std::string &name, const std::string &help, const Rule &rule,
+              Setter setter) {
+    const std::function<void(const Value &)> remember = [changes = changes_,
+                                                         setter](const Value &value) {
+      changes->push_back(
+          [setter, value](Settings &settings) { std::invoke(setter, settings, value); });
+    };
+    command_->add_option_function(name, remember, help)
+        ->transform(rule.validator)
+        ->type_name(rule.takes);
+  }
+
+  // Makes the changes of the command line in memory.
+  void apply(Settings &settings) const {
+    for (const Change &change : *changes_) change(settings);
+  }
+
+ private:
+  using Change = std::function<void(Settings &)>;
+  CLI::App *command_;
+  std::shared_ptr<std::vector<Change>> changes_;
+};
+
+#endif  // POSTWELL_PROGRAMS_COMMAND_H_

@@ -1,0 +1,76 @@
+// The rules, each returning what is wrong with a value in a sentence that goes
+// on behind the option's name.
+
+#include "rules.h"
+
+#include <charconv>
+#include <utility>
+
+#include "common/host_name.h"
+#include "common/relay_login.h"
+#include "common/text.h"
+
+namespace {
+
+// The value goes into the message, quoted.
+std::string wrong(const std::string &must, const std::string &value) {
+  return must + ", not \"" + value + "\"";
+}
+
+Rule makeRule(std::string takes, std::function<std::string(std::string &)> check) {
+  return {std::move(takes), CLI::Validator(std::move(check), "")};
+}
+
+}  // namespace
+
+Rule yesNo() {
+  return makeRule("yes|no", [](std::string &value) -> std::string {
+    const std::string word = lowerCase(value);
+    if (word == "yes" || word == "on" || word == "true")
+      value = "true";
+    else if (word == "no" || word == "off" || word == "false")
+      value = "false";
+    else
+      return wrong("must be yes or no", value);
+    return "";
+  });
+}
+
+Rule wholeNumber(int least, int most) {
+  return makeRule("NUMBER", [least, most](std::string &value) -> std::string {
+    int number = 0;
+    const char *const end = value.data() + value.size();
+    const auto [stop, error] = std::from_chars(value.data(), end, number);
+    if (error != std::errc() || stop != end || number < least || number > most)
+      return wrong("must be a whole number from " + std::to_string(least) + " to " +
+                       std::to_string(most),
+                   value);
+    value = std::to_string(number);  // CLI11 would take "010" for octal
+    return "";
+  });
+}
+
+Rule accountType() {
+  return makeRule("local|ldap|win", [](std::string &value) -> std::string {
+    if (value == "local" || value == "ldap" || value == "win") return "";
+    return wrong("must be local, ldap or win", value);
+  });
+}
+
+Rule hostName() {
+  return makeRule("NAME", [](std::string &value) -> std::string {
+    if (value.empty() || isHostName(value)) return "";
+    return wrong("must be a host or domain name such as mail.example.org", value);
+  });
+}
+
+Rule relayServer() {
+  return makeRule("HOST", [](std::string &value) -> std::string {
+    if (value.empty() || isHostName(value) || isAddress(value)) return "";
+    return wrong("must be a host name or an IP address, without brackets or port", value);
+  });
+}
+
+Rule relayAccount() {
+  return makeRule("ACCOUNT", [](std::string &value) { return accountProblem(value); });
+}

@@ -1,0 +1,23 @@
+// What the options of the command line may be set to.
+
+#ifndef POSTWELL_PROGRAMS_RULES_H_
+#define POSTWELL_PROGRAMS_RULES_H_
+
+#include <CLI/CLI.hpp>
+#include <string>
+
+// A check of one value, and the word that stands for such values in the help. A
+// check may rewrite the value into the form that CLI11 converts.
+struct Rule {
+  std::string takes;
+  CLI::Validator validator;
+};
+
+Rule yesNo();                           // also on, off, true, false
+Rule wholeNumber(int least, int most);  // in decimal digits
+Rule accountType();                     // local, ldap, win
+Rule hostName();                        // or empty
+Rule relayServer();                     // a host name, an address or empty
+Rule relayAccount();                    // fit for Postfix's password table, or empty
+
+#endif  // POSTWELL_PROGRAMS_RULES_H_

@@ -1,0 +1,105 @@
+// postwell protocol show|set.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "programs/run_program.h"
+#include "programs/settings.h"
+
+namespace {
+
+using Arguments = std::vector<std::string>;
+using Keys = std::map<std::string, std::string>;
+
+class PostwellProtocol : public testing::Test {
+ protected:
+  PostwellProtocol() { writeFile(PackageTree::kSettings, kSomeSettings); }
+
+  static Outcome set(const Arguments &options) {
+    Arguments words{"protocol", "set"};
+    words.insert(words.end(), options.begin(), options.end());
+    return RUN_TEST_PROGRAM(words);
+  }
+
+  static void expectSet(const Arguments &options, const Keys &changes) {
+    writeFile(PackageTree::kSettings, kSomeSettings);
+    const Keys before = settingsNow();
+    const Outcome outcome = set(options);
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(changedSince(before), changes) << testing::PrintToString(options);
+  }
+
+  PackageTree package_;
+};
+
+TEST_F(PostwellProtocol, Show) {
+  const Outcome outcome = RUN_TEST_PROGRAM({"protocol", "show"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_EQ(outcome.out,
+            "pop3              yes\n"
+            "pop3s             no\n"
+            "imap              yes\n"
+            "imaps             no\n");
+}
+
+TEST_F(PostwellProtocol, ShowJson) {
+  EXPECT_EQ(RUN_TEST_PROGRAM({"protocol", "show", "--json"}).out,
+            "{\n"
+            "  \"pop3\": true,\n"
+            "  \"pop3s\": false,\n"
+            "  \"imap\": true,\n"
+            "  \"imaps\": false\n"
+            "}\n");
+}
+
+TEST_F(PostwellProtocol, SetEveryOption) {
+  expectSet({"--pop3", "no"}, {{"pop3_enabled", "\"no\""}});
+  expectSet({"--pop3s", "on"}, {{"pop3s_enabled", "\"yes\""}});
+  expectSet({"--imap", "false"}, {{"imap_enabled", "\"no\""}});
+  expectSet({"--imaps", "yes"}, {{"imaps_enabled", "\"yes\""}});
+  expectSet({"--imap", "no", "--imaps", "yes"},
+            {{"imap_enabled", "\"no\""}, {"imaps_enabled", "\"yes\""}});
+}
+
+TEST_F(PostwellProtocol, SetMakesDovecotFollowAndSaysSo) {
+  EXPECT_EQ(set({"--imaps", "yes"}).out,
+            "POP3 on, POP3 over TLS off, IMAP on, IMAP over TLS on; Dovecot follows.\n");
+  EXPECT_EQ(package_.takeCalls(),
+            (Arguments{"DaemonConfSet.sh protocol", "DovecotDaemon.sh restart"}));
+}
+
+TEST_F(PostwellProtocol, WrongValuesAreRefused) {
+  for (const char *option : {"--pop3", "--pop3s", "--imap", "--imaps"}) {
+    const Outcome outcome = set({option, "perhaps"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.err, std::string("postwell: ") + option +
+                               ": must be yes or no, not \"perhaps\"\n"
+                               "Run with --help for more information.\n");
+  }
+  EXPECT_EQ(readFile(PackageTree::kSettings), kSomeSettings);
+  EXPECT_TRUE(package_.takeCalls().empty());
+}
+
+TEST_F(PostwellProtocol, MissingSettings) {
+  ASSERT_EQ(unlink(PackageTree::kSettings), 0);
+  for (const Outcome &outcome :
+       {RUN_TEST_PROGRAM({"protocol", "show"}), set({"--imap", "no"})}) {
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err.rfind("postwell: cannot read the settings", 0), 0u)
+        << outcome.err;
+  }
+  EXPECT_FALSE(fileExists(PackageTree::kSettings));
+}
+
+TEST_F(PostwellProtocol, AFailingScript) {
+  package_.failScript("DovecotDaemon.sh");
+  const Outcome outcome = set({"--imap", "no"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err.rfind("postwell: the new settings are in the file, but", 0), 0u);
+  EXPECT_EQ(settingsNow()["imap_enabled"], "\"no\"");
+}
+
+}  // namespace
