@@ -107,7 +107,8 @@ class POSTWELL_API SMTP {
   // when it is in force and what it depends on changed, regenerates Postfix's
   // configuration, reloads the firewall when a port changed, starts, stops or
   // restarts Postfix and restarts Dovecot. Returns 0, or -1 at the first step
-  // that fails; what was done before it stays done.
+  // that fails; what was done before it stays done. Saving again compares with what
+  // the failed save wrote: steps that only a change causes do not run again.
   int save() noexcept;
 
   // The two halves of load() and the writing half of save(), which touch no

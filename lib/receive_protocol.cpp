@@ -46,7 +46,7 @@ void ReceiveProtocol::setProtocol(Protocol which, bool enabled) noexcept {
   }
 }
 
-int ReceiveProtocol::load() noexcept {
+int ReceiveProtocol::load() noexcept try {
   SettingsTable table;
   if (!table.isAllocated()) {
     LOG_ERROR("Out of memory");
@@ -56,12 +56,11 @@ int ReceiveProtocol::load() noexcept {
     LOG_ERROR("KLIBCFileGetPair fail");
     return -1;
   }
-  for (const auto &flag : kFlags) {
-    bool enabled = getProtocol(flag.protocol);
-    table.get(flag.key, enabled);
-    setProtocol(flag.protocol, enabled);
-  }
+  for (const auto &flag : kFlags) table.get(flag.key, protocol[flag.protocol]);
   return 0;
+} catch (const std::bad_alloc &) {
+  LOG_ERROR("Out of memory");
+  return -1;
 }
 
 int ReceiveProtocol::save() noexcept {

@@ -21,8 +21,17 @@
 #include "kestsdk.h"
 #include "receive_protocol.h"
 
-using internal::assignText;
 using internal::SettingsTable;
+
+namespace {
+
+// Room for a secret, wiped when it goes.
+struct SecretBuffer {
+  char text[4096] = "";
+  ~SecretBuffer() { explicit_bzero(text, sizeof text); }
+};
+
+}  // namespace
 
 // ---- Relay
 
@@ -42,19 +51,19 @@ const std::string &Relay::getRelayAccount() const noexcept { return _relayAccoun
 void Relay::setRelay(bool enabled) noexcept { _enableRelay = enabled; }
 
 void Relay::setRelayServerInfo(const std::string &server, int port) noexcept {
-  assignText(_server, server);
-  _serverPort = port;
+  // both or neither: they are one destination
+  if (ASSIGN_TEXT(_server, server)) _serverPort = port;
 }
 
 void Relay::setSecureConn(bool enabled) noexcept { _enableSecureConnect = enabled; }
 void Relay::setRelayAuthEnable(bool enabled) noexcept { _enableRelayAuth = enabled; }
 
 void Relay::setRelayAccount(const std::string &account) noexcept {
-  assignText(_relayAccount, account);
+  ASSIGN_TEXT(_relayAccount, account);
 }
 
 void Relay::setRelayPassword(const std::string &password) noexcept {
-  assignText(_relayPassword, password);
+  ASSIGN_TEXT(_relayPassword, password);
 }
 
 int Relay::loadSetting() noexcept try {
@@ -75,13 +84,12 @@ int Relay::loadSetting() noexcept try {
   table.get("smtp_relay_account", _relayAccount);
   const char *stored = table.find("smtp_relay_password");
   if (stored == nullptr) return 0;
-  char plain[4096] = "";
-  if (KLIBCryptSzDecrypt(stored, plain, sizeof plain - 1) == 0) {
+  SecretBuffer plain;
+  if (KLIBCryptSzDecrypt(stored, plain.text, sizeof plain.text - 1) == 0) {
     LOG_ERROR("KLIBCryptSzDecrypt fail");
     return -1;
   }
-  _relayPassword = plain;
-  explicit_bzero(plain, sizeof plain);
+  _relayPassword = plain.text;
   return 0;
 } catch (const std::bad_alloc &) {
   LOG_ERROR("Out of memory");
@@ -153,14 +161,14 @@ const std::string &SMTP::getRelayAccount() const noexcept {
 
 void SMTP::setSMTP(bool enabled) noexcept { _enableSMTP = enabled; }
 void SMTP::setAccountType(const std::string &type) noexcept {
-  assignText(_accountType, type);
+  ASSIGN_TEXT(_accountType, type);
 }
 void SMTP::setAccDomainName(const std::string &name) noexcept {
-  assignText(_accDomainName, name);
+  ASSIGN_TEXT(_accDomainName, name);
 }
 void SMTP::setSMTPAuth(bool enabled) noexcept { _enableSMTPAuth = enabled; }
 void SMTP::setSMTPIgnoreAuth(bool enabled) noexcept { _SMTPIgnoreAuth = enabled; }
-void SMTP::setHostName(const std::string &name) noexcept { assignText(_hostName, name); }
+void SMTP::setHostName(const std::string &name) noexcept { ASSIGN_TEXT(_hostName, name); }
 void SMTP::setSMTPPort(int port) noexcept { _smtpPort = port; }
 void SMTP::setMessageSizeLimit(int limit) noexcept { _messageSizeLimit = limit; }
 void SMTP::setRestrictSender(bool enabled) noexcept { _restrictSender = enabled; }

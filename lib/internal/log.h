@@ -9,6 +9,10 @@
 // Logs "file:line text" at LOG_ERR; the arguments are as printf's.
 #define LOG_ERROR(...) internal::logLine(LOG_ERR, __FILE_NAME__, __LINE__, __VA_ARGS__)
 
+// The same at LOG_DEBUG.
+#define LOG_DEBUGGING(...) \
+  internal::logLine(LOG_DEBUG, __FILE_NAME__, __LINE__, __VA_ARGS__)
+
 namespace internal {
 
 // Logs "file:line text" at `priority`. Keeps errno; a text past 4 KB is cut.

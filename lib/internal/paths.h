@@ -8,6 +8,8 @@ namespace paths {
 
 constexpr char kSettings[] = "/var/packages/Postwell/etc/postwell.conf";
 
+constexpr char kAliasDB[] = "/var/packages/Postwell/etc/alias.db";
+
 // Read by the host's firewall.
 constexpr char kPorts[] = "/usr/local/etc/services.d/postwell_port";
 constexpr char kSambaConfig[] = "/usr/kest/etc/smb.conf";

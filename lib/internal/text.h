@@ -8,14 +8,21 @@
 
 #include "internal/log.h"
 
+// Every text setter's way to its field. Without memory the field keeps its value, the
+// setter's source and line are logged, and the result is false.
+#define ASSIGN_TEXT(field, value) \
+  internal::assignText((field), (value), __FILE_NAME__, __LINE__)
+
 namespace internal {
 
-// Every text setter of a settings class. Without memory the field keeps its value.
-inline void assignText(std::string &field, const std::string &value) noexcept {
+inline bool assignText(std::string &field, const std::string &value, const char *file,
+                       int line) noexcept {
   try {
     field = value;
+    return true;
   } catch (const std::bad_alloc &) {
-    LOG_ERROR("Out of memory");
+    logLine(LOG_ERR, file, line, "Out of memory");
+    return false;
   }
 }
 

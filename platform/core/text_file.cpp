@@ -43,9 +43,11 @@ int readDescriptor(int fd, const struct stat &st, std::string *content) {
 
 // Opens and reads; the file's owner and mode are left in *st.
 int readFile(const std::string &path, std::string *content, struct stat *st) {
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  // Not to wait for a writer, should the path name a pipe; a pipe is refused below.
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file.ok()) return fail(KLIBC_ERR_OPEN_FAILED);
-  if (fstat(file.get(), st) != 0) return fail(KLIBC_ERR_READ_FAILED);
+  if (fstat(file.get(), st) != 0 || !S_ISREG(st->st_mode))
+    return fail(KLIBC_ERR_READ_FAILED);
   return readDescriptor(file.get(), *st, content);
 }
 

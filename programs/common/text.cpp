@@ -28,6 +28,8 @@ std::string printable(const std::string &text) {
   return shown;
 }
 
+std::string inQuotes(const std::string &text) { return '"' + printable(text) + '"'; }
+
 bool hasControl(const std::string &text) {
   return std::any_of(text.begin(), text.end(), isControl);
 }

@@ -9,6 +9,9 @@
 // byte as \xNN. For the eye; it cannot be turned back.
 std::string printable(const std::string &text);
 
+// The same between double quotes.
+std::string inQuotes(const std::string &text);
+
 // Whether the text holds an ASCII control character (NUL, newline, DEL, …).
 bool hasControl(const std::string &text);
 

@@ -10,42 +10,26 @@
 //
 // Exit status: 0 done, 1 failed with the old database in force, 2 wrong usage.
 
-#include <alias.h>
-
-#include <cstdio>
-#include <exception>
-#include <map>
+#include <iostream>
 #include <string>
-#include <vector>
 
-#include "accounts.h"
-#include "alias_map.h"
+#include "common/alias_map.h"
+#include "common/alias_table.h"
 #include "common/postfix_map.h"
 
 namespace {
 
 constexpr char kProgram[] = "kest_alias_map";
+constexpr char kAsItWas[] = "; the map is as it was";
 
-void say(const std::string &message) {
-  fprintf(stderr, "%s: %s\n", kProgram, message.c_str());
-}
-
-// All aliases with their members. False when the file cannot be read whole.
-bool readAliases(std::map<std::string, std::vector<MemberInfo>> *aliases) {
-  Alias table;
-  if (table.getError() != 0 || table.load() != 0) return false;
-  for (const std::string &name : table.getAliasNameList()) {
-    std::list<MemberInfo> members;
-    if (table.loadMember(name, members) != 0) return false;
-    aliases->emplace(name, std::vector<MemberInfo>(members.begin(), members.end()));
-  }
-  return true;
-}
+void say(const std::string &message) { std::cerr << kProgram << ": " << message << '\n'; }
 
 int run() {
-  std::map<std::string, std::vector<MemberInfo>> aliases;
-  if (!readAliases(&aliases)) {
-    say("cannot read the aliases (the system log tells why); the map is as it was");
+  Alias file;
+  AliasTable aliases;
+  const std::string unread = readAliases(file, &aliases);
+  if (!unread.empty()) {
+    say(unread + kAsItWas);
     return 1;
   }
   const AliasMap map = makeAliasMap(aliases, SystemAccounts());
@@ -60,13 +44,13 @@ int run() {
 
 int main(int argc, char **) {
   if (argc != 1) {
-    fprintf(stderr, "usage: %s\n  takes no arguments\n", kProgram);
+    std::cerr << "usage: " << kProgram << "\n  takes no arguments\n";
     return 2;
   }
   try {
     return run();
-  } catch (const std::exception &) {  // of the standard library: memory alone
-    say("out of memory; the map is as it was");
+  } catch (const std::exception &error) {  // the host, or memory
+    say(error.what() + std::string(kAsItWas));
     return 1;
   }
 }

@@ -11,16 +11,15 @@
 //
 // Exit status: 0 done, 1 failed with the old map in force, 2 wrong usage.
 
-#include <kestsdk.h>
 #include <smtp.h>
 
 #include <iostream>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "common/postfix_map.h"
 #include "common/text.h"
+#include "common/users.h"
 #include "login_map.h"
 
 namespace {
@@ -28,21 +27,6 @@ namespace {
 constexpr char kProgram[] = "kest_gen_login_map";
 
 void say(const std::string &message) { std::cerr << kProgram << ": " << message << '\n'; }
-
-// Appends the users that log in with this account type. False when the host
-// cannot list them all: a map of some users would lock the others out.
-bool listUsers(const std::string &accountType, std::vector<std::string> *users) {
-  KLIBCSzList *list = KLIBCSzListAlloc(1024);
-  if (list == nullptr) return false;
-  bool complete = KESTUserEnum(&list, KEST_USER_LOCAL) >= 0;
-  if (accountType == "ldap" || accountType == "win")
-    complete = complete && KESTUserEnum(&list, KEST_USER_DIRECTORY) >= 0;
-  const std::unique_ptr<KLIBCSzList, void (*)(KLIBCSzList *)> owner(list,
-                                                                    KLIBCSzListFree);
-  for (int i = 0; const char *const user = KLIBCSzListGet(list, i); ++i)
-    users->emplace_back(user);
-  return complete;
-}
 
 int run() {
   SMTP settings;
@@ -52,13 +36,13 @@ int run() {
     return 1;
   }
   std::vector<std::string> users;
-  if (!listUsers(settings.getAccountType(), &users)) {
+  if (!listUsers(settings.getAccountType(), &users)) {  // some would lock the others out
     say("the host cannot list its users; the map is as it was");
     return 1;
   }
   const LoginMap map = makeLoginMap(users);
   for (const std::string &user : map.leftOut)
-    say("left out, no map line can carry this name: \"" + printable(user) + "\"");
+    say("left out, no map line can carry this name: " + inQuotes(user));
   const std::string problem = replacePostfixMap("login_map", map.text, MapFormat::kTable);
   if (problem.empty()) return 0;
   say(problem + "; the old map stays in force");

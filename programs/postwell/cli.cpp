@@ -29,6 +29,8 @@ int run(int argc, const char *const *argv) {
   addSmtp(app);
   addRelay(app);
   addProtocol(app);
+  addAlias(app);
+  addDomain(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {

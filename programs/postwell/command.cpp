@@ -46,16 +46,16 @@ Failure relayPasswordLost() {
       "postwell relay set --password-stdin"};
 }
 
-Failure saveFailed(bool written) {
+Failure saveFailed(bool written, const std::string &remedy) {
   if (!written)
     return {kFailed,
             "saving failed and the settings are not as wanted.\n"
             "Run as root; the system log tells which step failed."};
-  return {
-      kFailed,
-      "the new settings are in the file, but the daemons may not follow them.\n"
-      "The lines above and the system log tell which step failed; correct the cause and\n"
-      "set them again."};
+  return {kFailed,
+          "the new settings are in the file, but the daemons may not follow them.\n"
+          "The lines above and the system log tell which step failed; correct the cause "
+          "and\n" +
+              remedy + "."};
 }
 
 CLI::App &addNoun(CLI::App &app, const std::string &name, const std::string &help) {
@@ -64,14 +64,21 @@ CLI::App &addNoun(CLI::App &app, const std::string &name, const std::string &hel
   return *noun;
 }
 
-void addShow(CLI::App &noun, const std::function<Values()> &read) {
-  CLI::App *const command = noun.add_subcommand("show", "Show the settings");
+CLI::App &addReader(CLI::App &noun, const std::string &verb, const std::string &help,
+                    const std::function<Values()> &read,
+                    const std::function<void(const Values &)> &print) {
+  CLI::App *const command = noun.add_subcommand(verb, help);
   const CLI::Option *const json =
       command->add_flag("--json", "As JSON, with keys that never change");
-  command->callback([read, json] {
+  command->callback([read, print, json] {
     const Values values = read();
-    json->count() > 0 ? printJson(values) : printLines(values);
+    json->count() > 0 ? printJson(values) : print(values);
   });
+  return *command;
+}
+
+void addShow(CLI::App &noun, const std::function<Values()> &read) {
+  addReader(noun, "show", "Show the settings", read, printLines);
 }
 
 const char *onOff(bool flag) { return flag ? "on" : "off"; }

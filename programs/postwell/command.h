@@ -31,8 +31,9 @@ Failure settingsUnreadable();
 // The stored password comes from another machine or was changed by hand; every
 // save reads it first, so none can succeed until it is set anew.
 Failure relayPasswordLost();
-// A save failed. `written`: the new settings are in the file all the same.
-Failure saveFailed(bool written);
+// A save failed. `written`: the new settings are in the file all the same; what to do
+// then, once the cause is gone, `remedy` says.
+Failure saveFailed(bool written, const std::string &remedy = "set them again");
 
 // The settings of one noun by their JSON keys, in the order in which they are
 // shown. Strings may hold any bytes.
@@ -41,7 +42,13 @@ using Values = nlohmann::ordered_json;
 // Adds the noun; a command line must name one of its verbs.
 CLI::App &addNoun(CLI::App &app, const std::string &name, const std::string &help);
 
-// Adds "show [--json]", which prints what `read` returns.
+// Adds a verb that takes "--json" and prints what `read` returns: as JSON, or for the
+// eye by `print`.
+CLI::App &addReader(CLI::App &noun, const std::string &verb, const std::string &help,
+                    const std::function<Values()> &read,
+                    const std::function<void(const Values &)> &print);
+
+// Adds "show", which prints the settings that `read` returns, one a line.
 void addShow(CLI::App &noun, const std::function<Values()> &read);
 
 // "on" or "off", for messages.

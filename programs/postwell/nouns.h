@@ -11,5 +11,7 @@ class App;
 void addSmtp(CLI::App &app);
 void addRelay(CLI::App &app);
 void addProtocol(CLI::App &app);
+void addAlias(CLI::App &app);
+void addDomain(CLI::App &app);
 
 #endif  // POSTWELL_PROGRAMS_NOUNS_H_

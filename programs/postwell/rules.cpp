@@ -6,6 +6,7 @@
 #include <charconv>
 #include <utility>
 
+#include "common/alias_table.h"
 #include "common/host_name.h"
 #include "common/relay_login.h"
 #include "common/text.h"
@@ -73,4 +74,27 @@ Rule relayServer() {
 
 Rule relayAccount() {
   return makeRule("ACCOUNT", [](std::string &value) { return accountProblem(value); });
+}
+
+Rule domainName() {
+  return makeRule("NAME", [](std::string &value) -> std::string {
+    if (!isHostName(value))
+      return wrong("must be a domain name such as example.org", value);
+    value = lowerCase(value);
+    return "";
+  });
+}
+
+Rule aliasName() {
+  return makeRule("NAME", [](std::string &value) -> std::string {
+    const std::string problem = aliasNameProblem(value);
+    return problem.empty() ? "" : wrong(problem, value);
+  });
+}
+
+Rule mailAddress() {
+  return makeRule("ADDRESS", [](std::string &value) -> std::string {
+    if (isMailAddress(value)) return "";
+    return wrong("must be a mail address such as bob@example.org", value);
+  });
 }

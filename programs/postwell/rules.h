@@ -19,5 +19,8 @@ Rule accountType();                     // local, ldap, win
 Rule hostName();                        // or empty
 Rule relayServer();                     // a host name, an address or empty
 Rule relayAccount();                    // fit for Postfix's password table, or empty
+Rule domainName();                      // made small
+Rule aliasName();                       // a name that an alias can have
+Rule mailAddress();                     // such as bob@example.org
 
 #endif  // POSTWELL_PROGRAMS_RULES_H_

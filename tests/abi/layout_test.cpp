@@ -5,9 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <list>
 #include <map>
 #include <string>
 
+#include "DBHandler.h"
+#include "alias.h"
+#include "domain.h"
 #include "receive_protocol.h"
 #include "smtp.h"
 
@@ -42,11 +46,45 @@ struct ReceiveProtocolFields {
   std::map<Protocol, bool> protocol;
 };
 
+struct SQLCmdFields {
+  std::list<std::string> cmdList;
+};
+
+struct DBHandlerFields {
+  int errCode;
+  int busyTimeout;
+  sqlite3 *db;
+  bool inTran;
+  std::string schema;
+  std::string dbPath;
+};
+
+struct MemberInfoFields {
+  std::string name;
+  int type;
+};
+
+struct AliasFields {
+  int err;
+  DBHandler *aliasDB;
+  std::list<std::string> aliasList;
+};
+
+struct DomainFields {
+  std::list<std::string> domainList;
+};
+
 static_assert(sizeof(Relay) == sizeof(RelayFields));
 static_assert(sizeof(SMTP) == sizeof(SMTPFields));
 static_assert(sizeof(ReceiveProtocol) == sizeof(ReceiveProtocolFields));
 static_assert(alignof(SMTP) == alignof(SMTPFields));
+static_assert(sizeof(SQLCmd) == sizeof(SQLCmdFields));
+static_assert(sizeof(DBHandler) == sizeof(DBHandlerFields));
+static_assert(sizeof(MemberInfo) == sizeof(MemberInfoFields));
+static_assert(sizeof(Alias) == sizeof(AliasFields));
+static_assert(sizeof(Domain) == sizeof(DomainFields));
 static_assert(sizeof(Protocol) == sizeof(int));
+static_assert(sizeof(MemberType) == sizeof(int));
 
 const SMTPFields &fieldsOf(const SMTP &smtp) {
   return reinterpret_cast<const SMTPFields &>(smtp);
@@ -57,10 +95,20 @@ TEST(Layout, SizesAreKnown) {
     EXPECT_EQ(sizeof(Relay), 112u);
     EXPECT_EQ(sizeof(SMTP), 240u);
     EXPECT_EQ(sizeof(ReceiveProtocol), 48u);
+    EXPECT_EQ(sizeof(SQLCmd), 24u);
+    EXPECT_EQ(sizeof(DBHandler), 88u);
+    EXPECT_EQ(sizeof(MemberInfo), 40u);
+    EXPECT_EQ(sizeof(Alias), 40u);
+    EXPECT_EQ(sizeof(Domain), 24u);
   } else {
     EXPECT_EQ(sizeof(Relay), 84u);
     EXPECT_EQ(sizeof(SMTP), 180u);
     EXPECT_EQ(sizeof(ReceiveProtocol), 24u);
+    EXPECT_EQ(sizeof(SQLCmd), 12u);
+    EXPECT_EQ(sizeof(DBHandler), 64u);
+    EXPECT_EQ(sizeof(MemberInfo), 28u);
+    EXPECT_EQ(sizeof(Alias), 20u);
+    EXPECT_EQ(sizeof(Domain), 12u);
   }
 }
 
@@ -112,11 +160,64 @@ TEST(Layout, EveryRelayFieldStandsAtItsPlace) {
 
 TEST(Layout, ReceiveProtocolIsItsMap) {
   ReceiveProtocol object;
+  const auto &map = reinterpret_cast<const ReceiveProtocolFields &>(object).protocol;
+  EXPECT_EQ(map.size(), 4u);
+  object.getProtocol(static_cast<Protocol>(7));
+  EXPECT_EQ(map.count(static_cast<Protocol>(7)), 1u);
+  object = ReceiveProtocol();
   object.setProtocol(IMAPS, true);
   const auto &fields = reinterpret_cast<const ReceiveProtocolFields &>(object);
   EXPECT_EQ(fields.protocol,
             (std::map<Protocol, bool>{
                 {POP3, false}, {POP3S, false}, {IMAP, false}, {IMAPS, true}}));
+}
+
+TEST(Layout, EveryDBHandlerFieldStandsAtItsPlace) {
+  DBHandler handle("/var/packages/Postwell/etc/test.db", "select 1;");
+  const auto &fields = reinterpret_cast<const DBHandlerFields &>(handle);
+  EXPECT_EQ(fields.errCode, -1);
+  EXPECT_EQ(fields.busyTimeout, 0);
+  EXPECT_EQ(fields.schema, "select 1;");
+  EXPECT_EQ(fields.dbPath, "/var/packages/Postwell/etc/test.db");
+  handle.setBusyTimeout(300);
+  EXPECT_EQ(fields.busyTimeout, 300);
+  handle.setDBPath("");  // a database that lives and dies with its connection
+  ASSERT_EQ(handle.connect(), 0);
+  EXPECT_EQ(fields.db, handle.getDB());
+  EXPECT_EQ(fields.errCode, 0);
+  ASSERT_EQ(handle.beginTransaction(), 0);
+  EXPECT_TRUE(fields.inTran);
+}
+
+TEST(Layout, SQLCmdIsItsList) {
+  SQLCmd cmds;
+  cmds += "select 1;";
+  EXPECT_EQ(&reinterpret_cast<const SQLCmdFields &>(cmds).cmdList, &cmds.cmd_list);
+  EXPECT_EQ(reinterpret_cast<const SQLCmdFields &>(cmds).cmdList.size(), 1u);
+}
+
+TEST(Layout, MemberInfoIsNameAndType) {
+  MemberInfo member;
+  member.strName = "anna";
+  member.type = EXTADDR;
+  const auto &fields = reinterpret_cast<const MemberInfoFields &>(member);
+  EXPECT_EQ(fields.name, "anna");
+  EXPECT_EQ(fields.type, 3);
+}
+
+TEST(Layout, AliasIsItsErrorHandleAndNames) {
+  const Alias unusable;  // without a settings file
+  const auto &fields = reinterpret_cast<const AliasFields &>(unusable);
+  EXPECT_EQ(fields.err, -1);
+  EXPECT_EQ(fields.aliasDB, nullptr);
+  EXPECT_EQ(fields.aliasList.size(), 0u);
+}
+
+TEST(Layout, DomainIsItsList) {
+  Domain domains;
+  domains.addDomain("a.example");
+  EXPECT_EQ(reinterpret_cast<const DomainFields &>(domains).domainList,
+            std::list<std::string>{"a.example"});
 }
 
 }  // namespace

@@ -122,6 +122,13 @@ TEST_F(SettingsFile, missingOrUnreadableFileIsNegative) {
   EXPECT_EQ(KLIBCErrGet(), KLIBC_ERR_READ_FAILED);
 }
 
+TEST_F(SettingsFile, aPipeIsRefusedAndNotWaitedFor) {
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  Table table;
+  EXPECT_LT(table.load(path), 0);
+  EXPECT_EQ(KLIBCErrGet(), KLIBC_ERR_READ_FAILED);
+}
+
 TEST_F(SettingsFile, absentKeyGivesZeroAndAnEmptyBuffer) {
   writeFile(path, "a=\"1\"\n");
   char buffer[16] = "unchanged";

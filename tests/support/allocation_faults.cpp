@@ -8,6 +8,7 @@
 namespace {
 thread_local long left = -1;  // below 0: all succeed
 thread_local bool failed = false;
+thread_local bool once = false;
 }  // namespace
 
 namespace allocations {
@@ -15,6 +16,12 @@ namespace allocations {
 void failAfter(long count) {
   left = count;
   failed = false;
+  once = false;
+}
+
+void failOnceAfter(long count) {
+  failAfter(count);
+  once = true;
 }
 
 bool stopFailing() {
@@ -27,6 +34,7 @@ bool stopFailing() {
 void *operator new(std::size_t size) {
   if (left == 0) {
     failed = true;
+    if (once) left = -1;
     throw std::bad_alloc();
   }
   if (left > 0) left--;

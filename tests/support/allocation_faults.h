@@ -9,6 +9,9 @@ namespace allocations {
 // From now on `count` allocations of this thread succeed and all after them fail.
 void failAfter(long count);
 
+// From now on `count` allocations of this thread succeed and the one after them fails.
+void failOnceAfter(long count);
+
 // All succeed again. True when one failed since failAfter().
 bool stopFailing();
 

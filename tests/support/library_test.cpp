@@ -12,14 +12,18 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
+// How the expectations begin a line of this priority.
+std::string mark(int priority) {
+  if (priority == LOG_ERR) return "";
+  return priority == LOG_DEBUG ? "debug " : "priority " + std::to_string(priority) + " ";
+}
+
 // "smtp.cpp:120 text" -> "smtp.cpp: text"; a line of another form stays as it is.
 std::string withoutLineNumber(const LogLine &line) {
   static const std::regex form("^([A-Za-z_]+\\.(cpp|h)):[0-9]+ ([^]*)$");
   std::smatch match;
-  if (line.priority != LOG_ERR)
-    return "priority " + std::to_string(line.priority) + ": " + line.text;
-  if (!std::regex_match(line.text, match, form)) return line.text;
-  return match[1].str() + ": " + match[3].str();
+  if (!std::regex_match(line.text, match, form)) return mark(line.priority) + line.text;
+  return mark(line.priority) + match[1].str() + ": " + match[3].str();
 }
 
 }  // namespace

@@ -20,8 +20,9 @@ class LibraryTest : public testing::Test {
   // A line that no expectation took is a failure.
   void TearDown() override { expectLog({}); }
 
-  // The lines logged since the last call are these, each at LOG_ERR and each as
-  // "source.cpp: text" (the line number, any number, follows the source's name).
+  // The lines logged since the last call are these, each as "source.cpp: text" at
+  // LOG_ERR or "debug source.cpp: text" at LOG_DEBUG (the line number, any number,
+  // follows the source's name).
   void expectLog(const std::vector<std::string> &expected);
 
   // The platform's calls since the last call whose name is among `functions`.

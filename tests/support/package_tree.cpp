@@ -14,7 +14,9 @@ namespace {
 namespace fs = std::filesystem;
 
 const char kTarget[] = "/var/packages/Postwell/target/";
-const char kCalls[] = "/tmp/calls";
+// Of the tests alone: /tmp itself may hold the build folder that is shown to them.
+const char kNotes[] = "/tmp/postwell-test";
+const char kCalls[] = "/tmp/postwell-test/calls";
 
 const char *const kRecorded[] = {"scripts/DaemonConfSet.sh", "scripts/PostfixDaemon.sh",
                                  "scripts/DovecotDaemon.sh", "bin/kest_gen_login_map"};
@@ -26,7 +28,8 @@ void empty(const fs::path &folder) {
 
 // Where a recorder looks for the status to exit with.
 std::string statusFile(const std::string &name, const std::string &argument) {
-  return "/tmp/status-" + name + (argument.empty() ? "" : "-" + argument);
+  return std::string(kNotes) + "/status-" + name +
+         (argument.empty() ? "" : "-" + argument);
 }
 
 }  // namespace
@@ -35,8 +38,10 @@ PackageTree::PackageTree() {
   for (const char *folder :
        {"/var/packages/Postwell/etc", "/var/packages/Postwell/target/etc",
         "/var/packages/Postwell/target/scripts", "/var/packages/Postwell/target/bin",
-        "/usr/local/etc/services.d", "/usr/kest/etc", "/tmp"})
+        "/usr/local/etc/services.d", "/usr/kest/etc", kNotes}) {
+    fs::create_directories(folder);
     empty(folder);
+  }
   for (const char *script : kRecorded) {
     const std::string name = fs::path(script).filename();
     writeFile(kTarget + std::string(script),

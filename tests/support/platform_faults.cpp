@@ -4,6 +4,7 @@
 #include "support/platform_faults.h"
 
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 
 #include <map>
 
@@ -15,16 +16,19 @@ namespace platform {
 namespace {
 
 std::map<std::string, int> countdown;  // calls left until the failing one
+std::map<std::string, int> answers;
 std::vector<std::string> calls;
 
 }  // namespace
 
 void reset() {
   countdown.clear();
+  answers.clear();
   calls.clear();
 }
 
 void failCall(const std::string &function, int nth) { countdown[function] = nth; }
+void answerCall(const std::string &function, int result) { answers[function] = result; }
 
 std::vector<std::string> takeCalls() {
   std::vector<std::string> taken;
@@ -37,6 +41,15 @@ namespace {
 bool fails(const char *function) {
   const auto found = countdown.find(function);
   return found != countdown.end() && --found->second == 0;
+}
+
+// Takes the answer that a test has set for the function's next call.
+bool hasAnswer(const char *function, int *result) {
+  const auto found = answers.find(function);
+  if (found == answers.end()) return false;
+  *result = found->second;
+  answers.erase(found);
+  return true;
 }
 
 void note(const char *function, const std::string &what = "") {
@@ -68,6 +81,11 @@ int KLIBCSzHashSetValue(KLIBCSzHash **table, const char *key, const char *value)
   FAIL_OR_FORWARD(KLIBCSzHashSetValue, -1, table, key, value);
 }
 
+KLIBCSzList *KLIBCSzListAlloc(int size) {
+  platform::note("KLIBCSzListAlloc", std::to_string(size));
+  FAIL_OR_FORWARD(KLIBCSzListAlloc, nullptr, size);
+}
+
 int KLIBCFileGetPair(const char *path, KLIBCSzHash **table) {
   platform::note("KLIBCFileGetPair", path);
   FAIL_OR_FORWARD(KLIBCFileGetPair, -1, path, table);
@@ -76,13 +94,28 @@ int KLIBCFileGetPair(const char *path, KLIBCSzHash **table) {
 int KLIBCFileSetKeys(const char *path, const KLIBCSzHash *table, int flags,
                      const char *format) {
   platform::note("KLIBCFileSetKeys", path);
+  EXPECT_EQ(flags, 0);
+  EXPECT_STREQ(format, "%s=\"%s\"\n");
   FAIL_OR_FORWARD(KLIBCFileSetKeys, -1, path, table, flags, format);
+}
+
+int KLIBCFileGetKeyValue(const char *path, const char *key, char *buffer, int size,
+                         int flags) {
+  platform::note("KLIBCFileGetKeyValue",
+                 std::string(path) + " " + key + " " + std::to_string(size));
+  FAIL_OR_FORWARD(KLIBCFileGetKeyValue, -1, path, key, buffer, size, flags);
+}
+
+int KLIBCFileSetKeyValue(const char *path, const char *key, const char *value,
+                         const char *format) {
+  platform::note("KLIBCFileSetKeyValue", std::string(path) + " " + key + " " + value);
+  FAIL_OR_FORWARD(KLIBCFileSetKeyValue, -1, path, key, value, format);
 }
 
 int KLIBCFileGetSectionValue(const char *path, const char *section, const char *key,
                              char *buffer, int size) {
-  platform::note("KLIBCFileGetSectionValue",
-                 std::string(path) + " " + section + " " + key);
+  platform::note("KLIBCFileGetSectionValue", std::string(path) + " " + section + " " +
+                                                 key + " " + std::to_string(size));
   FAIL_OR_FORWARD(KLIBCFileGetSectionValue, -1, path, section, key, buffer, size);
 }
 
@@ -100,21 +133,30 @@ int KLIBCExec(const char *program, const char *arg1, const char *arg2, const cha
     line += std::string(" ") + argument;
   }
   platform::note("KLIBCExec", line);
+  int answer;
+  if (platform::hasAnswer("KLIBCExec", &answer)) return answer;
   FAIL_OR_FORWARD(KLIBCExec, -1, program, arg1, arg2, arg3, arg4);
 }
 
 int KLIBCryptSzEncrypt(const char *plain, char *buffer, int size) {
-  platform::note("KLIBCryptSzEncrypt");
+  platform::note("KLIBCryptSzEncrypt", std::to_string(size));
   FAIL_OR_FORWARD(KLIBCryptSzEncrypt, 0, plain, buffer, size);
 }
 
 int KLIBCryptSzDecrypt(const char *text, char *buffer, int size) {
-  platform::note("KLIBCryptSzDecrypt");
+  platform::note("KLIBCryptSzDecrypt", std::to_string(size));
   FAIL_OR_FORWARD(KLIBCryptSzDecrypt, 0, text, buffer, size);
+}
+
+int KESTUserEnum(KLIBCSzList **list, int type) {
+  platform::note("KESTUserEnum", std::to_string(type));
+  FAIL_OR_FORWARD(KESTUserEnum, -1, list, type);
 }
 
 int KESTFwRuleHup() {
   platform::note("KESTFwRuleHup");
+  int answer;
+  if (platform::hasAnswer("KESTFwRuleHup", &answer)) return answer;
   if (platform::fails("KESTFwRuleHup")) return -1;
   return platform::real(&KESTFwRuleHup, "KESTFwRuleHup")();
 }

@@ -17,6 +17,10 @@ void reset();
 // Makes the `nth` call from now on of `function` ("KLIBCFileSetKeys") fail.
 void failCall(const std::string &function, int nth = 1);
 
+// Makes the next call of a function that returns int return this instead of doing
+// anything: another negative value than -1, or a positive one, which is no failure.
+void answerCall(const std::string &function, int result);
+
 // What was called so far, oldest first, without the table's own get and set;
 // forgets it. A call is noted as its name, then what it worked on:
 // "KLIBCExec /path argument", "KLIBCFileSetSectionValue section 25".

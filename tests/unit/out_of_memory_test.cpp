@@ -2,9 +2,15 @@
 // made to fail in turn.
 
 #include <gtest/gtest.h>
+#include <syslog.h>
 
 #include <functional>
+#include <regex>
 
+#include "DBHandler.h"
+#include "alias.h"
+#include "domain.h"
+#include "postwell.h"
 #include "receive_protocol.h"
 #include "smtp.h"
 #include "support/allocation_faults.h"
@@ -81,7 +87,41 @@ TEST_F(OutOfMemoryTest, SettersLeaveTheFieldAsItWas) {
   EXPECT_EQ(smtp.getHostName(), "old");
   EXPECT_EQ(smtp.getAccountType(), "local");
   EXPECT_EQ(smtp.getRelayServer(), "");
-  EXPECT_EQ(log.take().size(), 6u);
+  EXPECT_EQ(smtp.getRelayServerPort(), 0);
+  const std::vector<LogLine> lines = log.take();
+  EXPECT_EQ(lines.size(), 6u);
+  for (const LogLine &line : lines) {
+    EXPECT_EQ(line.priority, LOG_ERR);
+    EXPECT_TRUE(
+        std::regex_match(line.text, std::regex("smtp\\.cpp:[0-9]+ Out of memory")))
+        << line.text;
+  }
+}
+
+// A single allocation that fails, with memory again afterwards: nothing may be lost
+// without a failing result, and each failing result has its line.
+TEST_F(OutOfMemoryTest, OneFailedAllocationLosesNothingSilently) {
+  for (long n = 0;; n++) {
+    allocations::failOnceAfter(n);
+    SMTP smtp;
+    const int result = smtp.load();
+    if (!allocations::stopFailing()) break;
+    const std::vector<LogLine> lines = log.take();
+    if (result == 0) {
+      EXPECT_EQ(smtp.getHostName(), kLong);
+      EXPECT_EQ(smtp.getRelayServer(), kLong);
+    } else {
+      EXPECT_EQ(lines.size(), 1u) << n;
+    }
+  }
+  for (long n = 0;; n++) {
+    allocations::failOnceAfter(n);
+    ReceiveProtocol object;
+    const int result = object.load();
+    if (!allocations::stopFailing()) break;
+    EXPECT_TRUE(result < 0 || object.getProtocol(IMAP)) << n;
+    EXPECT_TRUE(result == 0 || !log.take().empty()) << n;
+  }
 }
 
 TEST_F(OutOfMemoryTest, ReceiveProtocolNeverThrows) {
@@ -96,6 +136,82 @@ TEST_F(OutOfMemoryTest, ReceiveProtocolNeverThrows) {
               return object.save();
             }),
             4);
+}
+
+TEST_F(OutOfMemoryTest, DomainKeepsItsListAndNeverThrows) {
+  const std::list<std::string> two = {kLong + "a", kLong + "b"};
+  Domain domains;
+  domains.setDomain(two);
+  EXPECT_GT(sweep([&domains] { return domains.save(); }), 3);
+  EXPECT_GT(sweep([&domains] { return domains.load(); }), 3);
+  EXPECT_EQ(domains.getDomain(), two);
+  log.take();
+  for (long n = 0; n < 2; n++) {
+    allocations::failAfter(n);
+    domains.setDomain(two);
+    domains.addDomain(two.front());
+    domains.addDomain(two);
+    const bool empty = domains.getDomain().empty();
+    EXPECT_TRUE(allocations::stopFailing());
+    EXPECT_TRUE(empty);
+    EXPECT_EQ(domains.getDomain(), two);
+    EXPECT_EQ(log.take().size(), 4u);
+  }
+}
+
+TEST_F(OutOfMemoryTest, ADatabaseHandleWithoutItsTextsOpensNothing) {
+  const std::string path = "/var/packages/Postwell/etc/test.db",
+                    schema = "create table t(x);" + std::string(100, ' ');
+  for (long n = 0; n < 2; n++) {
+    allocations::failAfter(n);
+    DBHandler handle(path, schema);
+    EXPECT_TRUE(allocations::stopFailing());
+    EXPECT_EQ(handle.connect(), 14);
+    EXPECT_FALSE(fileExists(path));
+    log.take();
+  }
+}
+
+// Loads, adds one member and gives the result; `added` counts what was acknowledged.
+int addMember(const std::list<MemberInfo> &members, size_t &added) {
+  Alias aliases;
+  if (aliases.getError() != 0 || aliases.load() != 0) return -1;
+  if (aliases.addMember("sales", members) != 0) return -1;
+  added++;
+  return aliases.save();
+}
+
+TEST_F(OutOfMemoryTest, AliasStoresWhatItAcknowledgesAndNeverThrows) {
+  MemberInfo info;
+  info.strName = kLong;
+  const std::list<MemberInfo> one = {info};
+  const std::list<std::string> name = {kLong}, shop = {"shop"};
+  size_t added = 0;
+  EXPECT_GT(sweep([&] { return addMember(one, added); }), 10);
+  Alias aliases;
+  ASSERT_EQ(aliases.load(), 0);
+  std::list<MemberInfo> members;
+  EXPECT_EQ(aliases.loadMember("sales", members), 0);
+  EXPECT_EQ(members.size(), added);
+  std::list<std::string> names;
+  EXPECT_GT(sweep([&] { return aliases.loadMember("sales", members); }), 2);
+  EXPECT_GT(sweep([&] { return aliases.enumMemberByType(names, USER); }), 2);
+  const std::function<int()> changes[] = {
+      [&] { return aliases.delMember("sales", one); },
+      [&] { return aliases.delMemberByType(name, GROUP); },
+      [&] { return aliases.changeAliasName("sales", "shop"); },
+      [&] { return aliases.delAlias(shop); }};
+  for (const auto &change : changes) EXPECT_GT(sweep(change), 1);
+  EXPECT_EQ(aliases.loadMember("shop", members), 0);
+  EXPECT_EQ(members.size(), 0u);
+}
+
+TEST_F(OutOfMemoryTest, HelpersGiveEmptyResultsAndNeverThrow) {
+  writeFile("/tmp/sections", "[wanted]\n" + kLong + "\n" + kLong + "\n");
+  std::list<std::string> lines;
+  EXPECT_GT(
+      sweep([&lines] { return GetSectionContent("/tmp/sections", "wanted", lines); }), 2);
+  EXPECT_GT(sweep([] { return GetValidMap().count("root") == 1 ? 0 : -1; }), 10);
 }
 
 }  // namespace

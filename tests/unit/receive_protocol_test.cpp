@@ -249,6 +249,12 @@ TEST_F(ReceiveProtocolTest, ServicePassesItsActionAndResultOn) {
   }
   tree.failScript("DovecotDaemon.sh", 3);
   EXPECT_LT(ReceiveProtocol::Service("start"), 0);
+  for (const int result : {-7, 5}) {
+    platform::answerCall("KLIBCExec", result);
+    EXPECT_EQ(ReceiveProtocol::Service("start"), result);
+    platform::answerCall("KLIBCExec", result);
+    EXPECT_EQ(ReceiveProtocol::SetDovecotConfig(), result);
+  }
 }
 
 TEST_F(ReceiveProtocolTest, SetDovecotConfigPassesItsResultOn) {

@@ -2,8 +2,11 @@
 
 #include <climits>
 #include <functional>
+#include <map>
+#include <regex>
 
 #include "kestcore.h"
+#include "receive_protocol.h"
 #include "support/files.h"
 #include "support/library_test.h"
 
@@ -15,6 +18,13 @@ const Calls kNoCalls;
 const char kSettings[] = "/var/packages/Postwell/etc/postwell.conf";
 const char kPorts[] = "/usr/local/etc/services.d/postwell_port";
 const char kSamba[] = "/usr/kest/etc/smb.conf";
+
+// The password as the file has it, decrypted.
+std::string storedPassword(const std::string &text) {
+  char plain[4096];
+  EXPECT_EQ(KLIBCryptSzDecrypt(text.c_str(), plain, sizeof plain), 1);
+  return plain;
+}
 
 class SMTPTest : public LibraryTest {
  protected:
@@ -100,6 +110,52 @@ TEST_F(SMTPTest, SettersChangeMemoryOnly) {
   EXPECT_EQ(platform::takeCalls(), kNoCalls);
 }
 
+// Each switch on its own: its setter, its getter and its key.
+const struct {
+  const char *key;
+  void (SMTP::*set)(bool) noexcept;
+  bool (SMTP::*get)() const noexcept;
+} kSwitches[] = {
+    {"smtp_enabled", &SMTP::setSMTP, &SMTP::isEnabled},
+    {"smtp_auth_enabled", &SMTP::setSMTPAuth, &SMTP::isSMTPAuthEnabled},
+    {"smtp_ignore_lan_auth", &SMTP::setSMTPIgnoreAuth, &SMTP::isSMTPIgnoreAuth},
+    {"restrict_sender", &SMTP::setRestrictSender, &SMTP::isRestrictSender},
+    {"smtp_ssl_enabled", &SMTP::setSMTPS, &SMTP::isEnabledSMTPS},
+    {"smtp_relay_enabled", &SMTP::setRelay, &SMTP::isRelayEnabled},
+    {"smtp_relay_secure_conn", &SMTP::setSecureConn, &SMTP::isSecureConnEnabled},
+    {"smtp_relay_auth_enabled", &SMTP::setRelayAuthEnable, &SMTP::isRelayAuthEnabled}};
+
+TEST_F(SMTPTest, EachSwitchHasItsOwnSetterGetterAndKey) {
+  for (const bool odd : {true, false}) {
+    for (const auto &one : kSwitches) {
+      SMTP smtp, loaded;
+      for (const auto &other : kSwitches) (smtp.*other.set)(!odd);
+      (smtp.*one.set)(odd);
+      ASSERT_EQ(smtp.saveSMTPSetting(), 0);
+      ASSERT_EQ(smtp.saveRelaySetting(), 0);
+      ASSERT_EQ(loaded.load(), 0);
+      for (const auto &other : kSwitches) {
+        const bool expected = (&other == &one) == odd;
+        EXPECT_EQ((smtp.*other.get)(), expected) << one.key << " " << other.key;
+        EXPECT_EQ(stored(other.key), expected ? "yes" : "no")
+            << one.key << " " << other.key;
+        EXPECT_EQ((loaded.*other.get)(), expected) << one.key << " " << other.key;
+      }
+    }
+  }
+}
+
+TEST_F(SMTPTest, CopiesAreIndependentAndWhole) {
+  SMTP original;
+  fill(original);
+  SMTP copy = original;
+  original.setHostName("other.example");
+  original.setRelayServerInfo("other.example", 1);
+  expectFilled(copy);
+  const SMTP moved = std::move(copy);
+  expectFilled(moved);
+}
+
 TEST_F(SMTPTest, SavedSettingsAreLoadedAgain) {
   SMTP saved, loaded;
   fill(saved);
@@ -118,7 +174,7 @@ TEST_F(SMTPTest, LoadReadsTheFileTwiceAndRunsNothing) {
                    "KLIBCFileGetPair /var/packages/Postwell/etc/postwell.conf",
                    "KLIBCSzHashAlloc 1024",
                    "KLIBCFileGetPair /var/packages/Postwell/etc/postwell.conf",
-                   "KLIBCryptSzDecrypt"}));
+                   "KLIBCryptSzDecrypt 4095"}));
 }
 
 TEST_F(SMTPTest, AbsentKeysLeaveTheFields) {
@@ -193,6 +249,13 @@ TEST_F(SMTPTest, NumbersReadTheirLeadingDigitsAndStayWithinAnInt) {
   }
 }
 
+TEST_F(SMTPTest, AnEmptyFileLoads) {
+  writeFile(kSettings, "");
+  SMTP smtp;
+  EXPECT_EQ(smtp.load(), 0);
+  EXPECT_EQ(smtp.getSMTPPort(), 25);
+}
+
 TEST_F(SMTPTest, MissingFileFailsTheLoadOnceAndLeavesTheDefaults) {
   unlink(kSettings);
   SMTP smtp;
@@ -233,18 +296,30 @@ TEST_F(SMTPTest, UndecryptablePasswordFailsTheLoadAfterTheOtherFields) {
   expectLog({"smtp.cpp: KLIBCryptSzDecrypt fail"});
 }
 
+TEST_F(SMTPTest, UndecryptablePasswordLeavesTheOneInMemory) {
+  SMTP smtp;
+  smtp.setRelayPassword("kept");
+  writeFile(kSettings, "smtp_relay_password=\"in the clear\"\n");
+  EXPECT_EQ(smtp.load(), -1);
+  expectLog({"smtp.cpp: KLIBCryptSzDecrypt fail"});
+  ASSERT_EQ(smtp.saveRelaySetting(), 0);
+  EXPECT_EQ(storedPassword(stored("smtp_relay_password")), "kept");
+}
+
+TEST_F(SMTPTest, AbsentPasswordKeyLeavesThePasswordInMemory) {
+  SMTP smtp;
+  smtp.setRelayPassword("kept");
+  writeFile(kSettings, "smtp_relay_account=\"new\"\n");
+  ASSERT_EQ(smtp.load(), 0);
+  ASSERT_EQ(smtp.saveRelaySetting(), 0);
+  EXPECT_EQ(storedPassword(stored("smtp_relay_password")), "kept");
+}
+
 TEST_F(SMTPTest, AbsentPasswordKeyIsNoFailure) {
   writeFile(kSettings, "smtp_relay_account=\"new\"\n");
   SMTP smtp;
   EXPECT_EQ(smtp.load(), 0);
   EXPECT_EQ(callsOf({"KLIBCryptSzDecrypt"}), kNoCalls);
-}
-
-// The password as the file has it, decrypted.
-std::string storedPassword(const std::string &text) {
-  char plain[4096];
-  EXPECT_EQ(KLIBCryptSzDecrypt(text.c_str(), plain, sizeof plain), 1);
-  return plain;
 }
 
 TEST_F(SMTPTest, PasswordIsStoredEncryptedOnly) {
@@ -272,6 +347,10 @@ TEST_F(SMTPTest, LongestPasswordIsKeptAndALongerOneFailsBeforeAnythingIsWritten)
   ASSERT_EQ(smtp.saveRelaySetting(), 0);
   EXPECT_EQ(storedPassword(stored("smtp_relay_password")), longest);
   EXPECT_LT(stored("smtp_relay_password").size(), 345u);
+  SMTP loaded;
+  ASSERT_EQ(loaded.load(), 0);
+  ASSERT_EQ(loaded.saveRelaySetting(), 0);
+  EXPECT_EQ(storedPassword(stored("smtp_relay_password")), longest);
 
   const std::string before = readFile(kSettings);
   smtp.setRelay(true);
@@ -279,6 +358,22 @@ TEST_F(SMTPTest, LongestPasswordIsKeptAndALongerOneFailsBeforeAnythingIsWritten)
   EXPECT_EQ(smtp.saveRelaySetting(), -1);
   expectLog({"smtp.cpp: KLIBCryptSzEncrypt fail"});
   EXPECT_EQ(readFile(kSettings), before);
+}
+
+TEST_F(SMTPTest, PasswordIsNeverLogged) {
+  SMTP smtp;
+  smtp.setRelayPassword("geheim-4711");
+  for (const char *function : {"KLIBCryptSzEncrypt", "KLIBCFileSetKeys"}) {
+    platform::failCall(function);
+    EXPECT_EQ(smtp.saveRelaySetting(), -1);
+  }
+  ASSERT_EQ(smtp.saveRelaySetting(), 0);
+  platform::failCall("KLIBCryptSzDecrypt");
+  EXPECT_EQ(smtp.load(), -1);
+  const std::vector<LogLine> lines = log.take();
+  EXPECT_EQ(lines.size(), 3u);
+  for (const LogLine &line : lines)
+    EXPECT_EQ(line.text.find("geheim"), std::string::npos) << line.text;
 }
 
 TEST_F(SMTPTest, FailedEncryptionLeavesTheRelayKeysUnchanged) {
@@ -392,6 +487,17 @@ TEST_F(SMTPTest,
   EXPECT_EQ(stored("account_type"), "win");
 }
 
+TEST_F(SMTPTest, WorkgroupOfUpTo127BytesIsTaken) {
+  SMTP smtp;
+  smtp.setAccountType("win");
+  writeFile(kSamba, "[global]\nworkgroup = " + std::string(127, 'W') + "\n");
+  EXPECT_EQ(smtp.saveSMTPSetting(), 0);
+  EXPECT_EQ(stored("win_domain_short_name"), std::string(127, 'W'));
+  writeFile(kSamba, "[global]\nworkgroup = " + std::string(128, 'W') + "\n");
+  EXPECT_EQ(smtp.saveSMTPSetting(), 0);
+  EXPECT_EQ(stored("win_domain_short_name"), "");
+}
+
 TEST_F(SMTPTest, OtherAccountTypesDoNotLookAtTheWorkgroup) {
   writeFile(kSamba, "[global]\nworkgroup = OFFICE\n");
   for (const char *type : {"local", "ldap", "WIN", ""}) {
@@ -415,6 +521,23 @@ TEST_F(SMTPTest, SMTPGroupFailsBeforeTheFileIsWritten) {
   expectLog({"smtp.cpp: KLIBCFileSetKeys fail"});
   EXPECT_EQ(readFile(kSettings), before);
   EXPECT_FALSE(fileExists(kPorts));
+}
+
+TEST_F(SMTPTest, AKeyThatCannotBeSetKeepsTheWholeGroupFromTheFile) {
+  const std::string before = readFile(kSettings);
+  SMTP smtp;
+  fill(smtp);
+  for (int nth = 1; nth <= 12; nth++) {
+    platform::failCall("KLIBCSzHashSetValue", nth);
+    EXPECT_EQ(smtp.saveSMTPSetting(), -1) << nth;
+    expectLog({"smtp.cpp: KLIBCFileSetKeys fail"});
+  }
+  for (int nth = 1; nth <= 7; nth++) {
+    platform::failCall("KLIBCSzHashSetValue", nth);
+    EXPECT_EQ(smtp.saveRelaySetting(), -1) << nth;
+    expectLog({"smtp.cpp: KLIBCFileSetKeys fail"});
+  }
+  EXPECT_EQ(readFile(kSettings), before);
 }
 
 TEST_F(SMTPTest, FailedSMTPPortLeavesTheSettingsWrittenAndTheSMTPSPortUntouched) {
@@ -633,6 +756,30 @@ TEST_F(SMTPTest, SaveEndsAtTheStepThatFails) {
   }
 }
 
+TEST_F(SMTPTest, AnythingButANegativeResultIsSuccess) {
+  SMTP smtp;
+  smtp.setSMTPPort(26);
+  platform::answerCall("KLIBCExec", 3);
+  platform::answerCall("KESTFwRuleHup", 1);
+  EXPECT_EQ(smtp.save(), 0);
+}
+
+// The file holds the new settings by then, so a second save finds nothing changed that
+// the login map or the firewall would have to follow.
+TEST_F(SMTPTest, SavingAgainAfterAFailureDoesNotRepeatTheStepsOfTheChange) {
+  tree.failScript("kest_gen_login_map");
+  SMTP smtp;
+  fill(smtp);
+  EXPECT_EQ(smtp.save(), -1);
+  expectLog({"smtp.cpp: fail to generate login map"});
+  tree.takeCalls();
+  platform::takeCalls();
+  EXPECT_EQ(smtp.save(), 0);
+  EXPECT_EQ(tree.takeCalls(), (Calls{"DaemonConfSet.sh smtp", "PostfixDaemon.sh restart",
+                                     "DovecotDaemon.sh restart"}));
+  EXPECT_EQ(callsOf({"KESTFwRuleHup"}), kNoCalls);
+}
+
 TEST_F(SMTPTest, FailedStopAndRestartNameTheirAction) {
   writeFile(kSettings, "smtp_enabled=\"yes\"\n");
   tree.failScript("PostfixDaemon.sh");
@@ -652,6 +799,47 @@ TEST_F(SMTPTest, FailedFirewallReloadStartsNothing) {
   EXPECT_EQ(tree.takeCalls(), (Calls{"kest_gen_login_map", "DaemonConfSet.sh smtp"}));
 }
 
+// ---- what the package puts down
+
+// The settings file of a fresh machine holds what fresh objects would save, and the
+// keys of the classes that are not saved here at their defaults.
+TEST_F(SMTPTest, InstalledSettingsAreTheDefaults) {
+  const std::string installed = readFile(POSTWELL_PACKAGE_SOURCES "/etc/postwell.conf");
+  writeFile(kSettings, installed);
+  SMTP smtp;
+  ReceiveProtocol protocols;
+  ASSERT_EQ(smtp.saveSMTPSetting(), 0);
+  ASSERT_EQ(smtp.saveRelaySetting(), 0);
+  ASSERT_EQ(protocols.save(), 0);
+  writeFile(kSettings,
+            std::regex_replace(readFile(kSettings), std::regex("(sb1:[^\"]*)"), ""));
+  EXPECT_EQ(readFile(kSettings), installed);
+  const std::map<std::string, std::string> others = {
+      {"spam_enable", "no"},
+      {"spam_required_score", "5.00"},
+      {"spam_enable_rewrite", "no"},
+      {"spam_rewrite_subject", "*****SPAM*****"},
+      {"spam_report_machanism", "1"},
+      {"spam_auto_learn", "no"},
+      {"spam_learn_threshold_spam", "12.00"},
+      {"spam_learn_threshold_non_spam", "0.10"},
+      {"spam_auto_whitelist", "no"},
+      {"spam_dnsbl_enable", "no"},
+      {"spam_clean_interval", "30"},
+      {"anti_virus_enable", "no"},
+      {"canonical_domain", ""},
+      {"always_bcc", ""}};
+  for (const auto &[key, value] : others) EXPECT_EQ(stored(key), value) << key;
+}
+
+TEST_F(SMTPTest, InstalledPortFileHasTheDefaultPorts) {
+  const std::string installed = readFile(POSTWELL_PACKAGE_SOURCES "/etc/postwell_port");
+  writeFile(kPorts, installed);
+  SMTP smtp;
+  ASSERT_EQ(smtp.saveSMTPSetting(), 0);
+  EXPECT_EQ(readFile(kPorts), installed);
+}
+
 // ---- the static operations
 
 TEST_F(SMTPTest, ServicePassesItsActionAndResultOn) {
@@ -661,6 +849,12 @@ TEST_F(SMTPTest, ServicePassesItsActionAndResultOn) {
   }
   tree.failScript("PostfixDaemon.sh", 3);
   EXPECT_LT(SMTP::Service("start"), 0);
+  for (const int result : {-7, 5}) {
+    platform::answerCall("KLIBCExec", result);
+    EXPECT_EQ(SMTP::Service("start"), result);
+    platform::answerCall("KLIBCExec", result);
+    EXPECT_EQ(SMTP::SetPostfixConfig(), result);
+  }
 }
 
 TEST_F(SMTPTest, SetPostfixConfigPassesItsResultOn) {

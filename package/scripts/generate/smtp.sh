@@ -97,7 +97,7 @@ append_dot_mydomain = no
 enable_long_queue_ids = yes
 message_size_limit = $limit
 mailbox_size_limit = 0
-alias_maps =
+alias_maps = lmdb:$POSTFIX/aliases
 alias_database =
 local_recipient_maps = proxy:unix:passwd.byname \$alias_maps
 mailbox_transport = lmtp:unix:private/dovecot-lmtp
@@ -192,11 +192,11 @@ writeRelayPassword() {
     fail "cannot write the relay's password table: $(reason "$message")"
 }
 
-ensureLoginMap() {
+# ensureMap TABLE PROGRAM: main.cf names the table, so there must be one.
+ensureMap() {
   local message
-  enabled restrict_sender && [[ ! -e $POSTFIX/login_map.lmdb ]] || return 0
-  message=$("$T/bin/kest_gen_login_map" 2>&1) ||
-    fail "cannot make the login map: $(reason "$message")"
+  [[ ! -e $POSTFIX/$1.lmdb ]] || return 0
+  message=$("$T/bin/$2" 2>&1) || fail "cannot make the table $1: $(reason "$message")"
 }
 
 # Postfix's programs wait while main.cf looks as if someone were still writing it.
@@ -251,7 +251,8 @@ generate() {
   addOwnParameters
   addOwnServices
   writeRelayPassword
-  ensureLoginMap
+  ensureMap aliases kest_alias_map
+  if enabled restrict_sender; then ensureMap login_map kest_gen_login_map; fi
   checkStaged
   announceFolder
   putInPlace

@@ -36,10 +36,15 @@ tryAll() {
   echo "$*: $taken of ${#hostile[@]} taken"
 }
 
+inPostfix() { postconf -c "$POSTFIX" -xh "$1"; }
+
 # What was taken stands as it is, to Postfix's own eyes.
 expectUnharmed() {
   case $1 in
-    always_bcc) expect equal "$(postconf -c "$POSTFIX" -xh always_bcc)" "$2" ;;
+    smtp_hostname) expect equal "$(inPostfix myhostname)" "$2" ;;
+    smtp_relay_server) expect equal "$(inPostfix relayhost)" "[$2]" ;;
+    canonical_domain) expect equal "$(inPostfix mydestination)" "$DOMAIN, localhost, $2" ;;
+    always_bcc) expect equal "$(inPostfix always_bcc)" "$2" ;;
     smtp_relay_account)
       expect equal "$(postmap -c "$T/etc/postmap" -q '[relay.example]' "lmdb:$POSTFIX/sasl_passwd")" \
         "$2:s3cret"
@@ -68,7 +73,7 @@ cp "$WORLD/good" "$SETTINGS"
 step "a dollar of the always-BCC address is a dollar"
 setKey always_bcc "dollar\$myhostname@$DOMAIN"
 expect "$SCRIPTS/DaemonConfSet.sh" smtp
-expect equal "$(postconf -c "$POSTFIX" -xh always_bcc)" "dollar\$myhostname@$DOMAIN"
+expect equal "$(inPostfix always_bcc)" "dollar\$myhostname@$DOMAIN"
 
 step "Dovecot's configuration takes none of it"
 for key in pop3_enabled imap_enabled smtp_hostname; do

@@ -7,6 +7,7 @@ addUsers alice carol
 startMail
 
 step "the domains of the list are ours; a running Postfix follows at once"
+expect send --to "alice@$DOMAIN"  # its processes now run with the old settings
 master=$(awk '{ print $1 }' "$T/var/spool/postfix/pid/master.pid")
 setKey canonical_domain "second.example, third.example"
 setKey always_bcc "carol@third.example"

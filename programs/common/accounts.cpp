@@ -1,23 +1,27 @@
 // Users and groups from the local files as well as from a domain or directory, by the
 // C library's lookups. Which users there are at all, the host says.
 
-#include "accounts.h"
+#include "common/accounts.h"
 
 #include <grp.h>
-#include <kestsdk.h>
 #include <postwell.h>
 #include <pwd.h>
+#include <smtp.h>
 
 #include <algorithm>
-#include <memory>
+#include <stdexcept>
+
+#include "common/users.h"
 
 namespace {
 
 bool isUser(const std::string &name) { return getpwnam(name.c_str()) != nullptr; }
 
+// Dovecot drops an "@domain" and keeps a "DOMAIN\", and Postfix would take a local part
+// with an "@" for an address elsewhere.
 std::string findMailbox(const std::string &user) {
-  if (isUser(user)) return user;
   const std::string bare = TrimDomainName(user);
+  if (isUser(user)) return user.find('@') == std::string::npos ? user : bare;
   return bare != user && isUser(bare) ? bare : "";
 }
 
@@ -27,15 +31,14 @@ const group *findGroup(const std::string &name) {
 }
 
 std::multimap<gid_t, std::string> listUsersByGroup() {
-  std::multimap<gid_t, std::string> users;
-  KLIBCSzList *list = KLIBCSzListAlloc(1024);
-  for (const int type : {KEST_USER_LOCAL, KEST_USER_DIRECTORY})
-    if (list != nullptr) KESTUserEnum(&list, type);  // who is listed is counted in
-  const std::unique_ptr<KLIBCSzList, void (*)(KLIBCSzList *)> owner(list,
-                                                                    KLIBCSzListFree);
-  for (int i = 0; const char *const name = KLIBCSzListGet(list, i); ++i)
-    if (const passwd *user = getpwnam(name)) users.emplace(user->pw_gid, name);
-  return users;
+  SMTP settings;
+  std::vector<std::string> users;
+  if (settings.loadSMTPSetting() != 0 || !listUsers(settings.getAccountType(), &users))
+    throw std::runtime_error("the host cannot list its users");
+  std::multimap<gid_t, std::string> byGroup;
+  for (const std::string &name : users)
+    if (const passwd *user = getpwnam(name.c_str())) byGroup.emplace(user->pw_gid, name);
+  return byGroup;
 }
 
 }  // namespace
@@ -50,12 +53,12 @@ bool SystemAccounts::members(const std::string &name,
                              std::vector<std::string> *users) const {
   const group *found = findGroup(name);
   if (found == nullptr) return false;
-  const gid_t gid = found->gr_gid;
+  users->clear();
   for (char **member = found->gr_mem; *member != nullptr; ++member)
     users->emplace_back(*member);
-  if (!usersListed_) usersByGroup_ = listUsersByGroup();
-  usersListed_ = true;
-  const auto [first, last] = usersByGroup_.equal_range(gid);
+  const gid_t gid = found->gr_gid;
+  if (!usersByGroup_) usersByGroup_ = listUsersByGroup();
+  const auto [first, last] = usersByGroup_->equal_range(gid);
   for (auto entry = first; entry != last; ++entry) users->push_back(entry->second);
   std::sort(users->begin(), users->end());
   users->erase(std::unique(users->begin(), users->end()), users->end());

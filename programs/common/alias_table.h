@@ -1,0 +1,47 @@
+// The aliases with their members, and what may be among them.
+
+#ifndef POSTWELL_PROGRAMS_ALIAS_TABLE_H_
+#define POSTWELL_PROGRAMS_ALIAS_TABLE_H_
+
+#include <alias.h>
+
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common/accounts.h"
+
+using AliasTable = std::map<std::string, std::vector<MemberInfo>>;
+
+// Opens the file and reads it whole. Returns what went wrong, empty when nothing did.
+std::string readAliases(Alias &file, AliasTable *aliases);
+
+// What keeps the name from being that of an alias, as the end of a sentence that
+// begins "the name …"; empty when there is nothing to say.
+std::string aliasNameProblem(const std::string &name);
+
+// Whether the text is a mail address that the alias database carries as an address:
+// what it takes for a command, a file or an include is none.
+bool isMailAddress(const std::string &text);
+
+// Where mail for a member goes: USER, a mailbox; ALIAS, an alias in small letters;
+// EXTADDR, an address.
+struct Destination {
+  MemberType type;
+  std::string name;
+};
+
+struct Resolved {
+  std::vector<Destination> destinations;
+  // Who cannot be reached (the member, or a user of the group), and why.
+  std::vector<std::pair<std::string, std::string>> unreachable;
+};
+
+// What the member comes to; neither for a group without users. `aliases` are the names
+// of all aliases in small letters.
+Resolved resolve(const MemberInfo &member, const std::set<std::string> &aliases,
+                 const Accounts &accounts);
+
+#endif  // POSTWELL_PROGRAMS_ALIAS_TABLE_H_
