@@ -215,8 +215,8 @@ void add(const std::string &name, const Members &members) {
   }
   refuseCircle(before, after, accounts);
   change(file, before, after, [&] { return file.addMember(alias, added); });
-  std::cout << "Alias " << inQuotes(alias) << " has " << after[alias].size()
-            << " member(s); Postfix follows.\n";
+  std::cout << "Alias " << inQuotes(alias) << " has "
+            << counted(after[alias].size(), "member") << "; Postfix follows.\n";
 }
 
 // Takes the aliases out, as members too, and those that have no member left then.
@@ -260,6 +260,8 @@ void deleteNamed(const Names &names) {
   const AliasTable before = read(file);
   Names stored;
   for (const std::string &name : names) stored.push_back(get(before, name)->first);
+  stored.sort();
+  stored.unique();
   deleteAll(file, before, stored, "");
 }
 
@@ -287,8 +289,8 @@ void remove(const std::string &name, const Members &members) {
   left.erase(std::remove_if(left.begin(), left.end(), isRemoved), left.end());
   if (left.empty()) return deleteAll(file, before, {alias}, " with its last member");
   change(file, before, after, [&] { return file.delMember(alias, removed); });
-  std::cout << "Alias " << inQuotes(alias) << " has " << left.size()
-            << " member(s); Postfix follows.\n";
+  std::cout << "Alias " << inQuotes(alias) << " has " << counted(left.size(), "member")
+            << "; Postfix follows.\n";
 }
 
 void rename(const std::string &oldName, const std::string &newName) {

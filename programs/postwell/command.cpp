@@ -82,3 +82,7 @@ void addShow(CLI::App &noun, const std::function<Values()> &read) {
 }
 
 const char *onOff(bool flag) { return flag ? "on" : "off"; }
+
+std::string counted(size_t count, const std::string &thing) {
+  return std::to_string(count) + ' ' + thing + (count == 1 ? "" : "s");
+}

@@ -54,6 +54,9 @@ void addShow(CLI::App &noun, const std::function<Values()> &read);
 // "on" or "off", for messages.
 const char *onOff(bool flag);
 
+// "1 thing", "2 things", for messages.
+std::string counted(size_t count, const std::string &thing);
+
 // The verb "set": its options, each tied to the setter that it stands for. A copy
 // refers to the same command.
 template <class Settings>

@@ -46,8 +46,8 @@ void save(Domain &domains) {
     throw saveFailed(readDomains().getDomain() == domains.getDomain(),
                      "run \"DaemonConfSet.sh smtp\" and \"PostfixDaemon.sh restart\" in\n"
                      "/var/packages/Postwell/target/scripts");
-  std::cout << "Mail is accepted for " << domains.getDomain().size()
-            << " domains of the list; Postfix follows.\n";
+  std::cout << "The list has " << counted(domains.getDomain().size(), "domain")
+            << "; Postfix follows.\n";
 }
 
 void add(const Names &names) {

@@ -14,6 +14,7 @@
 #include "domain.h"
 #include "receive_protocol.h"
 #include "smtp.h"
+#include "support/files.h"
 
 namespace {
 
@@ -173,15 +174,16 @@ TEST(Layout, ReceiveProtocolIsItsMap) {
 }
 
 TEST(Layout, EveryDBHandlerFieldStandsAtItsPlace) {
-  DBHandler handle("/var/packages/Postwell/etc/test.db", "select 1;");
+  const std::string path = "/var/packages/Postwell/etc/test.db";
+  writeFile(path, "");
+  DBHandler handle(path, "select 1;");
   const auto &fields = reinterpret_cast<const DBHandlerFields &>(handle);
   EXPECT_EQ(fields.errCode, -1);
   EXPECT_EQ(fields.busyTimeout, 0);
   EXPECT_EQ(fields.schema, "select 1;");
-  EXPECT_EQ(fields.dbPath, "/var/packages/Postwell/etc/test.db");
+  EXPECT_EQ(fields.dbPath, path);
   handle.setBusyTimeout(300);
   EXPECT_EQ(fields.busyTimeout, 300);
-  handle.setDBPath("");  // a database that lives and dies with its connection
   ASSERT_EQ(handle.connect(), 0);
   EXPECT_EQ(fields.db, handle.getDB());
   EXPECT_EQ(fields.errCode, 0);

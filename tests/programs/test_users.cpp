@@ -1,10 +1,17 @@
-// Users of the test's choice: takes the place of the host's own function in the
-// generator. One name a line in /tmp/users-local and /tmp/users-directory; a
-// missing file is a host that cannot list its users.
+// Users of the test's choice: takes the place of the host's own functions in a program.
+//
+// KESTUserEnum() lists one name a line of /tmp/users-local and /tmp/users-directory; a
+// missing file is a host that cannot list its users. The name service knows the users
+// and groups of /tmp/passwd and /tmp/group, in the format of those in /etc.
 
+#include <grp.h>
 #include <kestsdk.h>
+#include <pwd.h>
 
+#include <cstdio>
+#include <cstring>
 #include <fstream>
+#include <memory>
 #include <string>
 
 int KESTUserEnum(KLIBCSzList **list, int type) {
@@ -14,4 +21,20 @@ int KESTUserEnum(KLIBCSzList **list, int type) {
   for (std::string name; std::getline(in, name); ++count)
     if (KLIBCSzListPush(list, name.c_str()) < 0) return -1;
   return count;
+}
+
+using File = std::unique_ptr<std::FILE, int (*)(std::FILE *)>;
+
+passwd *getpwnam(const char *name) {
+  const File file(fopen("/tmp/passwd", "re"), fclose);
+  while (passwd *entry = file ? fgetpwent(file.get()) : nullptr)
+    if (strcmp(entry->pw_name, name) == 0) return entry;
+  return nullptr;
+}
+
+group *getgrnam(const char *name) {
+  const File file(fopen("/tmp/group", "re"), fclose);
+  while (group *entry = file ? fgetgrent(file.get()) : nullptr)
+    if (strcmp(entry->gr_name, name) == 0) return entry;
+  return nullptr;
 }

@@ -207,10 +207,10 @@ TEST_F(OutOfMemoryTest, AliasStoresWhatItAcknowledgesAndNeverThrows) {
 }
 
 TEST_F(OutOfMemoryTest, HelpersGiveEmptyResultsAndNeverThrow) {
-  writeFile("/tmp/sections", "[wanted]\n" + kLong + "\n" + kLong + "\n");
+  const char path[] = "/var/packages/Postwell/etc/sections";
+  writeFile(path, "[wanted]\n" + kLong + "\n" + kLong + "\n");
   std::list<std::string> lines;
-  EXPECT_GT(
-      sweep([&lines] { return GetSectionContent("/tmp/sections", "wanted", lines); }), 2);
+  EXPECT_GT(sweep([&] { return GetSectionContent(path, "wanted", lines); }), 2);
   EXPECT_GT(sweep([] { return GetValidMap().count("root") == 1 ? 0 : -1; }), 10);
 }
 

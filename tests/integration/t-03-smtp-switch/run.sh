@@ -55,7 +55,7 @@ for arguments in "" "again" "start now"; do
 done
 for verb in spam mailscanner alias ""; do
   run "$SCRIPTS/DaemonConfSet.sh" "$verb"
-  expect equal "$status:$err" "2:usage: DaemonConfSet.sh protocol|smtp"
+  expect equal "$status:$err" "2:usage: DaemonConfSet.sh protocol|smtp|alias"
 done
 run "$SCRIPTS/DovecotDaemon.sh"
 expect equal "$status:$err" "2:usage: DovecotDaemon.sh start|stop|restart|reload|status"
