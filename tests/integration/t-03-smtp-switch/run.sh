@@ -53,7 +53,7 @@ for arguments in "" "again" "start now"; do
   run "$SCRIPTS/PostfixDaemon.sh" $arguments
   expect equal "$status:$err" "2:usage: PostfixDaemon.sh start|stop|restart|reload|status"
 done
-for verb in spam mailscanner alias ""; do
+for verb in spam mailscanner ""; do
   run "$SCRIPTS/DaemonConfSet.sh" "$verb"
   expect equal "$status:$err" "2:usage: DaemonConfSet.sh protocol|smtp|alias"
 done
