@@ -15,7 +15,8 @@
 
 using AliasTable = std::map<std::string, std::vector<MemberInfo>>;
 
-// Opens the file and reads it whole. Returns what went wrong, empty when nothing did.
+// Reads the file whole, which is made first when it is missing. Returns what went wrong,
+// empty when nothing did; a damaged file is left as it is.
 std::string readAliases(Alias &file, AliasTable *aliases);
 
 // What keeps the name from being that of an alias, as the end of a sentence that

@@ -89,19 +89,13 @@ Rows rowsOf(const AliasTable &aliases) {
   return rows;
 }
 
-// Whether what `after` adds to `before` is stored now, and what it drops is not.
+// Whether all of `after` is stored now, and nothing of what it drops from `before`.
 bool isDone(const AliasTable &before, const AliasTable &after, const AliasTable &now) {
   const Rows old = rowsOf(before), wanted = rowsOf(after), stored = rowsOf(now);
-  const auto isIn = [](const Rows &rows) {
-    return [&rows](const auto &row) { return rows.count(row) != 0; };
-  };
-  Rows added, dropped;
-  std::remove_copy_if(wanted.begin(), wanted.end(), std::inserter(added, added.end()),
-                      isIn(old));
-  std::remove_copy_if(old.begin(), old.end(), std::inserter(dropped, dropped.end()),
-                      isIn(wanted));
-  return std::all_of(added.begin(), added.end(), isIn(stored)) &&
-         std::none_of(dropped.begin(), dropped.end(), isIn(stored));
+  return std::includes(stored.begin(), stored.end(), wanted.begin(), wanted.end()) &&
+         std::all_of(old.begin(), old.end(), [&](const auto &row) {
+           return wanted.count(row) != 0 || stored.count(row) == 0;
+         });
 }
 
 // Makes the change, which turns `before` into `after`, and publishes it.

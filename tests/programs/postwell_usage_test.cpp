@@ -41,7 +41,18 @@ TEST_F(Usage, HelpStandsEverywhere) {
                                                          {"relay", "set"},
                                                          {"protocol"},
                                                          {"protocol", "show"},
-                                                         {"protocol", "set"}}) {
+                                                         {"protocol", "set"},
+                                                         {"alias"},
+                                                         {"alias", "list"},
+                                                         {"alias", "show"},
+                                                         {"alias", "add"},
+                                                         {"alias", "remove"},
+                                                         {"alias", "rename"},
+                                                         {"alias", "delete"},
+                                                         {"domain"},
+                                                         {"domain", "list"},
+                                                         {"domain", "add"},
+                                                         {"domain", "remove"}}) {
     Arguments arguments = command;
     arguments.push_back("--help");
     const Outcome outcome = run(arguments);

@@ -9,6 +9,7 @@
 #include "support/database.h"
 #include "support/files.h"
 #include "support/library_test.h"
+#include "support/sql_recorder.h"
 
 namespace {
 
@@ -332,6 +333,48 @@ TEST_F(AliasChangeTest, RenamingOntoAnotherAliasMergesThem) {
   EXPECT_EQ(aliases.changeAliasName("sales", "all"), 0);
   EXPECT_EQ(aliasRows(), (Rows{"root|admin|0", "all|anna|0", "all|staff|1", "all|all|2",
                                "all|sales|0", "all|anna|0"}));
+}
+
+TEST_F(AliasChangeTest, StatementsAreTheseToTheLetter) {
+  Members members;
+  Names names;
+  sql::takeStatements();
+  EXPECT_EQ(aliases.load(), 0);
+  EXPECT_EQ(aliases.loadMember("o'h", members), 0);
+  EXPECT_EQ(aliases.enumMemberByType(names, ALIAS), 0);
+  EXPECT_EQ(aliases.addMember("a", {member("o'h", EXTADDR), member("b", GROUP)}), 0);
+  EXPECT_EQ(aliases.delMember("a", {member("b", GROUP)}), 0);
+  EXPECT_EQ(aliases.delMemberByType({"b", "c"}, USER), 0);
+  EXPECT_EQ(aliases.delAlias({"a", "b"}), 0);
+  EXPECT_EQ(aliases.changeAliasName("old", "new"), 0);
+  EXPECT_EQ(
+      sql::takeStatements(),
+      (Rows{
+          "SELECT DISTINCT alias FROM 'alias_info_table';",
+          "SELECT * FROM 'alias_info_table' WHERE alias='o''h';",
+          "SELECT DISTINCT member FROM 'alias_info_table' WHERE type='2';",
+          "BEGIN TRANSACTION;",
+          "INSERT INTO 'alias_info_table' (alias,member,type) VALUES ('a','o''h','3');",
+          "INSERT INTO 'alias_info_table' (alias,member,type) VALUES ('a','b','1');",
+          "COMMIT TRANSACTION;",
+          "BEGIN TRANSACTION;",
+          "DELETE FROM 'alias_info_table' WHERE (alias='a' AND member='b' AND type='1');",
+          "COMMIT TRANSACTION;",
+          "BEGIN TRANSACTION;",
+          "DELETE FROM 'alias_info_table' WHERE member='b' AND type='0';",
+          "DELETE FROM 'alias_info_table' WHERE member='c' AND type='0';",
+          "COMMIT TRANSACTION;",
+          "BEGIN TRANSACTION;",
+          "DELETE FROM 'alias_info_table' WHERE alias='a';",
+          "DELETE FROM 'alias_info_table' WHERE member='a' AND type= '2';",
+          "DELETE FROM 'alias_info_table' WHERE alias='b';",
+          "DELETE FROM 'alias_info_table' WHERE member='b' AND type= '2';",
+          "COMMIT TRANSACTION;",
+          "BEGIN TRANSACTION;",
+          "UPDATE 'alias_info_table' SET alias= 'new' WHERE alias= 'old';",
+          "UPDATE 'alias_info_table' SET member= 'new' WHERE member= 'old' AND type= "
+          "'2';",
+          "COMMIT TRANSACTION;"}));
 }
 
 TEST_F(AliasChangeTest, EmptyListsChangeNothing) {
