@@ -8,6 +8,7 @@
 namespace {
 
 std::vector<std::string> statements;
+bool inExec = false;  // which prepares its statements by the other function
 
 template <typename Function>
 Function *real(Function * /*declared*/, const char *name) {
@@ -24,11 +25,15 @@ REPLACED int sqlite3_exec(sqlite3 *db, const char *text,
                           int (*callback)(void *, int, char **, char **), void *argument,
                           char **message) {
   statements.emplace_back(text);
-  return real(&sqlite3_exec, "sqlite3_exec")(db, text, callback, argument, message);
+  inExec = true;
+  const int code =
+      real(&sqlite3_exec, "sqlite3_exec")(db, text, callback, argument, message);
+  inExec = false;
+  return code;
 }
 
 REPLACED int sqlite3_prepare_v2(sqlite3 *db, const char *text, int size,
                                 sqlite3_stmt **statement, const char **rest) {
-  statements.emplace_back(text);
+  if (!inExec) statements.emplace_back(text);
   return real(&sqlite3_prepare_v2, "sqlite3_prepare_v2")(db, text, size, statement, rest);
 }
