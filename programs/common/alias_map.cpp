@@ -7,18 +7,19 @@
 #include "common/alias_map.h"
 
 #include <algorithm>
+#include <numeric>
 
 #include "common/text.h"
 
 namespace {
 
-// Needs no quotes. "#" is left out: a line that begins with it is a comment.
-constexpr char kPlain[] =
-    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.!$%&'*+-=?^_`{}~";
+// Needs no quotes, like letters and digits. "#" is left out: a line that begins with it
+// is a comment.
+constexpr char kPlain[] = ".!$%&'*+-=?^_`{}~";
 
 // A local name as one word of the format.
 std::string quoted(const std::string &name) {
-  if (name.find_first_not_of(kPlain) == std::string::npos) return name;
+  if (isMadeOf(name, kPlain)) return name;
   std::string text = "\"";
   for (const char c : name) {
     if (c == '"' || c == '\\') text += '\\';
@@ -27,17 +28,44 @@ std::string quoted(const std::string &name) {
   return text + '"';
 }
 
+// Leaves out repeated names. A user counts for more than an alias of his name: he has a
+// mailbox also when that alias comes to nothing.
+void dropRepeated(std::vector<Destination> *words) {
+  if (words->size() < 2) return;
+  std::vector<size_t> byName(words->size());
+  std::iota(byName.begin(), byName.end(), size_t{0});
+  std::stable_sort(byName.begin(), byName.end(), [words](size_t one, size_t other) {
+    return (*words)[one].name < (*words)[other].name;
+  });
+  for (size_t i = 1, first = 0; i < byName.size(); ++i) {
+    Destination &kept = (*words)[byName[first]], &word = (*words)[byName[i]];
+    if (word.name != kept.name) {
+      first = i;
+      continue;
+    }
+    if (word.type == USER) kept.type = USER;
+    word.name.clear();
+  }
+  words->erase(std::remove_if(words->begin(), words->end(),
+                              [](const Destination &word) { return word.name.empty(); }),
+               words->end());
+}
+
 class Builder {
  public:
   Builder(const AliasTable &aliases, const Accounts &accounts) : accounts_(accounts) {
-    for (const auto &[name, members] : aliases) addName(name);
-    for (const auto &[name, members] : aliases) addMembers(name, members);
-    for (auto line = lines_.begin(); line != lines_.end(); ++line) walk(line);
+    const std::vector<Source> sources = addLines(aliases);
+    auto line = lines_.begin();
+    for (const Source &source : sources) {
+      while (line->name != source.name) ++line;
+      addMembers(&*line, *source.alias);
+    }
+    for (size_t i = 0; i < lines_.size(); ++i) walk(i);
   }
 
   AliasMap build() {
-    for (const auto &[name, line] : lines_)
-      if (line.left > 0) write(name, line);
+    for (const Line &line : lines_)
+      if (line.left > 0) write(line);
     // A user of that name, whom "root" may lead to, has the mail already.
     const bool isUser = !accounts_.mailbox("postmaster").empty();
     writeDefault("postmaster", isUser ? "postmaster" : "root");
@@ -46,14 +74,22 @@ class Builder {
   }
 
  private:
+  // An alias of the table and its name in small letters. Several may have one name.
+  struct Source {
+    std::string name;
+    const AliasTable::value_type *alias;
+  };
+
   enum class Walk { kNotYet, kUnderWay, kDone };
 
   struct Line {
+    std::string name;
     std::vector<Destination> words;  // one that was left out has no name
-    size_t left = 0;                 // how many were not
+    size_t left = 0;                 // how many were not, once the walk was here
     Walk walk = Walk::kNotYet;
   };
-  using Lines = std::map<std::string, Line>;
+
+  static constexpr size_t kNone = static_cast<size_t>(-1);
 
   void tell(const std::string &problem) { map_.problems.push_back(problem); }
 
@@ -63,116 +99,144 @@ class Builder {
          " is left out: " + reason);
   }
 
-  void addName(const std::string &name) {
-    const std::string problem = aliasNameProblem(name);
-    if (problem.empty())
-      names_.insert(lowerCase(name));
-    else
-      tell("alias " + inQuotes(name) + " is left out: the name " + problem);
+  void tellCircle(const std::string &alias, const std::string &member) {
+    tellLeftOut(alias, member, "the aliases lead back to each other");
+    map_.circles.push_back(map_.problems.back());
   }
 
-  void addMembers(const std::string &name, const std::vector<MemberInfo> &members) {
-    if (!aliasNameProblem(name).empty()) return;
-    Line &line = lines_[lowerCase(name)];
-    std::set<std::pair<MemberType, std::string>> seen;
-    for (const Destination &word : line.words) seen.emplace(word.type, word.name);
+  void tellEmpty(const std::string &alias) {
+    tell("alias " + inQuotes(alias) + " is left out: no member is left");
+  }
+
+  std::vector<Source> addLines(const AliasTable &aliases) {
+    std::vector<Source> sources;
+    sources.reserve(aliases.size());
+    for (const auto &alias : aliases) {
+      const std::string problem = aliasNameProblem(alias.first);
+      if (problem.empty())
+        sources.push_back({lowerCase(alias.first), &alias});
+      else
+        tell("alias " + inQuotes(alias.first) + " is left out: the name " + problem);
+    }
+    const auto before = [](const Source &one, const Source &other) {
+      return one.name < other.name;
+    };
+    if (!std::is_sorted(sources.begin(), sources.end(), before))  // capitals
+      std::stable_sort(sources.begin(), sources.end(), before);
+    lines_.reserve(sources.size());
+    for (const Source &source : sources)
+      if (lines_.empty() || lines_.back().name != source.name) {
+        lines_.emplace_back();
+        lines_.back().name = source.name;
+      }
+    return sources;
+  }
+
+  // The line of the alias, kNone without one.
+  size_t find(const std::string &name) const {
+    const auto line = std::lower_bound(
+        lines_.begin(), lines_.end(), name,
+        [](const Line &one, const std::string &other) { return one.name < other; });
+    if (line == lines_.end() || line->name != name) return kNone;
+    return static_cast<size_t>(line - lines_.begin());
+  }
+
+  void addMembers(Line *line, const AliasTable::value_type &alias) {
+    const auto &[name, members] = alias;
+    const auto isAlias = [this](const std::string &small) {
+      return find(small) != kNone;
+    };
+    line->words.reserve(line->words.size() + members.size());
+    Resolved result;
     for (const MemberInfo &member : members) {
-      const Resolved result = resolve(member, names_, accounts_);
+      resolve(member, isAlias, accounts_, &result);
       for (const auto &[who, why] : result.unreachable) tellLeftOut(name, who, why);
       if (result.destinations.empty() && result.unreachable.empty())
         tellLeftOut(name, member.strName, "the group has no users");
-      for (const Destination &word : result.destinations)
-        if (seen.emplace(word.type, word.name).second) line.words.push_back(word);
+      for (Destination &word : result.destinations)
+        if (word.type == ALIAS && word.name == line->name)
+          tellCircle(name, word.name);
+        else
+          line->words.push_back(std::move(word));
     }
-    line.left = line.words.size();
   }
 
-  // The alias to which the word leads; end() when it leads to a mailbox or elsewhere.
-  Lines::iterator aliasOf(const Lines::iterator &line, const Destination &word) {
+  // The alias to which the word leads, kNone when that is a mailbox or elsewhere.
+  size_t aliasOf(const Line &line, const Destination &word) const {
+    if (word.type == EXTADDR) return kNone;
     const std::string name = lowerCase(word.name);
-    if (word.type == EXTADDR || (word.type == USER && name == line->first))
-      return lines_.end();
-    return lines_.find(name);
+    return name == line.name ? kNone : find(name);
   }
 
-  void leaveOut(const Lines::iterator &line, Destination *word,
-                const std::string &reason) {
-    tellLeftOut(line->first, word->name, reason);
-    word->name.clear();
-    if (--line->second.left == 0) tellEmpty(line->first);
-  }
+  // Where a walk stands: the line, and its word to look at.
+  struct Step {
+    size_t line;
+    size_t word;
+  };
 
-  void tellEmpty(const std::string &name) {
-    tell("alias " + inQuotes(name) + " is left out: no member is left");
+  void enter(size_t index, std::vector<Step> *steps) {
+    Line &line = lines_[index];
+    line.walk = Walk::kUnderWay;
+    dropRepeated(&line.words);
+    line.left = line.words.size();
+    if (line.left == 0) tellEmpty(line.name);
+    steps->push_back({index, 0});
   }
 
   // Walks along the aliases that one leads to, each once. Not recursive: a chain may be
   // as long as the table.
-  void walk(const Lines::iterator &start) {
-    struct Step {
-      Lines::iterator line;
-      size_t next;  // index of the word to look at
-    };
+  void walk(size_t start) {
     std::vector<Step> steps;
-    const auto enter = [&steps, this](const Lines::iterator &line) {
-      line->second.walk = Walk::kUnderWay;
-      if (line->second.left == 0) tellEmpty(line->first);
-      steps.push_back({line, 0});
-    };
-    if (start->second.walk == Walk::kNotYet) enter(start);
+    if (lines_[start].walk == Walk::kNotYet) enter(start, &steps);
     while (!steps.empty()) {
-      const auto [line, next] = steps.back();
-      if (next == line->second.words.size()) {
-        line->second.walk = Walk::kDone;
+      const Step step = steps.back();
+      Line &line = lines_[step.line];
+      if (step.word == line.words.size()) {
+        line.walk = Walk::kDone;
         steps.pop_back();
         continue;
       }
-      Destination &word = line->second.words[next];
-      const auto target = aliasOf(line, word);
-      if (target != lines_.end() && target->second.walk == Walk::kNotYet) {
-        enter(target);  // and look at the word again afterwards
+      Destination &word = line.words[step.word];
+      const size_t target = aliasOf(line, word);
+      if (target != kNone && lines_[target].walk == Walk::kNotYet) {
+        enter(target, &steps);  // and look at the word again afterwards
         continue;
       }
-      if (target != lines_.end()) judge(line, &word, target->second);
-      steps.back().next++;
+      if (target != kNone) judge(&line, &word, lines_[target]);
+      steps.back().word++;
     }
   }
 
-  void judge(const Lines::iterator &line, Destination *word, const Line &target) {
-    if (target.walk == Walk::kUnderWay) {
-      leaveOutOfCircle(line, word);
-    } else if (target.left == 0 && word->type == ALIAS) {
-      leaveOut(line, word, "that alias is left out");
-    }  // a user whose alias is left out has a mailbox
+  void judge(Line *line, Destination *word, const Line &target) {
+    if (target.walk == Walk::kUnderWay)
+      tellCircle(line->name, word->name);
+    else if (target.left == 0 && word->type == ALIAS)
+      tellLeftOut(line->name, word->name, "that alias is left out");
+    else
+      return;  // a user whose alias is left out has a mailbox
+    word->name.clear();
+    if (--line->left == 0) tellEmpty(line->name);
   }
 
-  void leaveOutOfCircle(const Lines::iterator &line, Destination *word) {
-    const size_t known = map_.problems.size();
-    leaveOut(line, word, "the aliases lead back to each other");
-    map_.circles.push_back(map_.problems[known]);
-  }
-
-  void write(const std::string &name, const Line &line) {
-    map_.text += quoted(name) + ":";
+  void write(const Line &line) {
+    map_.text.append(quoted(line.name)).append(":");
     const char *separator = " ";
-    std::set<std::string> seen{""};  // a user and an alias of the same name are one word
     for (const Destination &word : line.words) {
-      if (!seen.insert(word.name).second) continue;
-      map_.text += separator + (word.type == EXTADDR ? word.name : quoted(word.name));
+      if (word.name.empty()) continue;
+      map_.text += separator;
+      map_.text += word.type == EXTADDR ? word.name : quoted(word.name);
       separator = ", ";
     }
     map_.text += '\n';
   }
 
   void writeDefault(const std::string &name, const std::string &member) {
-    const auto line = lines_.find(lowerCase(name));
-    if (line == lines_.end() || line->second.left == 0)
-      map_.text += name + ": " + member + "\n";
+    const size_t line = find(lowerCase(name));
+    if (line == kNone || lines_[line].left == 0) map_.text += name + ": " + member + "\n";
   }
 
   const Accounts &accounts_;
-  std::set<std::string> names_;  // in small letters
-  Lines lines_;                  // by name in small letters
+  std::vector<Line> lines_;  // sorted; names in small letters
   AliasMap map_;
 };
 

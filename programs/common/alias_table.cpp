@@ -15,6 +15,7 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <memory>
 
 #include "common/host_name.h"
@@ -23,13 +24,13 @@
 namespace {
 
 constexpr char kFile[] = "/var/packages/Postwell/etc/alias.db";
-constexpr char kQuery[] = "SELECT alias, member, type FROM alias_info_table;";
+constexpr char kQuery[] =
+    "SELECT alias, member, type FROM alias_info_table ORDER BY alias;";
 constexpr unsigned int kPatienceMs = 10000;  // with someone who is writing
 
 constexpr size_t kLongestLocalPart = 64;  // RFC 5321, 4.5.3.1.1
 constexpr char kInstructions[] = "|/:\\";
-constexpr char kAtom[] =
-    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.!#$%&'*+-=?^_`{}|/~";
+constexpr char kAtomSpecials[] = ".!#$%&'*+-=?^_`{}|/~";  // RFC 5322, 3.2.3
 
 int readRows(sqlite3 *database, AliasTable *aliases) {
   sqlite3_stmt *prepared = nullptr;
@@ -41,8 +42,11 @@ int readRows(sqlite3 *database, AliasTable *aliases) {
     return value == nullptr ? "" : reinterpret_cast<const char *>(value);
   };
   if (code != SQLITE_OK) return code;
+  auto alias = aliases->end();
   while ((code = sqlite3_step(query.get())) == SQLITE_ROW) {
-    MemberInfo &member = (*aliases)[text(0)].emplace_back();
+    if (alias == aliases->end() || alias->first != text(0))
+      alias = aliases->try_emplace(aliases->end(), text(0));  // they come sorted
+    MemberInfo &member = alias->second.emplace_back();
     member.strName = text(1);
     member.type = static_cast<MemberType>(sqlite3_column_int(query.get(), 2));
   }
@@ -55,7 +59,7 @@ std::string localNameProblem(const std::string &name) {
   if (hasControl(name) || !isUtf8(name))
     return "must be UTF-8 without control characters";
   if (name.find('@') != std::string::npos) return "must not hold an @";
-  if (name.find_first_of(kInstructions) == 0)
+  if (std::strchr(kInstructions, name.front()) != nullptr)
     return "must not begin with a character that makes it a command or a file";
   if (name.front() == '-') return "must not begin with a hyphen";  // nor will Postfix
   if (name.front() == ' ' || name.back() == ' ')
@@ -111,29 +115,30 @@ bool isMailAddress(const std::string &text) {
   const size_t at = text.find('@');
   if (at == std::string::npos) return false;
   const std::string local = text.substr(0, at);
-  return aliasNameProblem(local).empty() &&
-         local.find_first_not_of(kAtom) == std::string::npos && local.front() != '.' &&
-         local.back() != '.' && local.find("..") == std::string::npos &&
+  return !local.empty() && local.size() <= kLongestLocalPart &&
+         std::strchr("|/-.", local.front()) == nullptr && local.back() != '.' &&
+         isMadeOf(local, kAtomSpecials) && local.find("..") == std::string::npos &&
          isHostName(text.substr(at + 1));
 }
 
-Resolved resolve(const MemberInfo &member, const std::set<std::string> &aliases,
-                 const Accounts &accounts) {
+void resolve(const MemberInfo &member,
+             const std::function<bool(const std::string &)> &isAlias,
+             const Accounts &accounts, Resolved *result) {
   const std::string &name = member.strName;
-  Resolved result;
+  result->destinations.clear();
+  result->unreachable.clear();
   if (member.type == USER) {
-    resolveUser(name, accounts, &result);
+    resolveUser(name, accounts, result);
   } else if (member.type == GROUP) {
-    resolveGroup(name, accounts, &result);
-  } else if (member.type == ALIAS && aliases.count(lowerCase(name)) != 0) {
-    result.destinations.push_back({ALIAS, lowerCase(name)});
+    resolveGroup(name, accounts, result);
+  } else if (member.type == ALIAS && isAlias(lowerCase(name))) {
+    result->destinations.push_back({ALIAS, lowerCase(name)});
   } else if (member.type == EXTADDR && isMailAddress(name)) {
-    result.destinations.push_back({EXTADDR, name});
+    result->destinations.push_back({EXTADDR, name});
   } else {
     const std::string reason = member.type == ALIAS     ? "there is no such alias"
                                : member.type == EXTADDR ? "it is no mail address"
                                                         : "it is of an unknown kind";
-    result.unreachable.emplace_back(name, reason);
+    result->unreachable.emplace_back(name, reason);
   }
-  return result;
 }

@@ -5,15 +5,16 @@
 
 #include <alias.h>
 
+#include <functional>
+#include <list>
 #include <map>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "common/accounts.h"
 
-using AliasTable = std::map<std::string, std::vector<MemberInfo>>;
+using AliasTable = std::map<std::string, std::list<MemberInfo>>;
 
 // Reads the file whole, which is made first when it is missing. Returns what went wrong,
 // empty when nothing did; a damaged file is left as it is.
@@ -40,9 +41,10 @@ struct Resolved {
   std::vector<std::pair<std::string, std::string>> unreachable;
 };
 
-// What the member comes to; neither for a group without users. `aliases` are the names
-// of all aliases in small letters.
-Resolved resolve(const MemberInfo &member, const std::set<std::string> &aliases,
-                 const Accounts &accounts);
+// Sets what the member comes to; nothing at all for a group without users. `isAlias`
+// knows the names of all aliases in small letters.
+void resolve(const MemberInfo &member,
+             const std::function<bool(const std::string &)> &isAlias,
+             const Accounts &accounts, Resolved *result);
 
 #endif  // POSTWELL_PROGRAMS_ALIAS_TABLE_H_

@@ -3,6 +3,7 @@
 #include "common/text.h"
 
 #include <algorithm>
+#include <cstring>
 #include <cwchar>
 #include <locale>
 
@@ -34,7 +35,15 @@ bool hasControl(const std::string &text) {
   return std::any_of(text.begin(), text.end(), isControl);
 }
 
+bool isMadeOf(const std::string &text, const char *others) {
+  return std::all_of(text.begin(), text.end(), [others](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           (c != '\0' && std::strchr(others, c) != nullptr);
+  });
+}
+
 bool isUtf8(const std::string &text) {
+  if (std::all_of(text.begin(), text.end(), isAscii)) return true;  // and fast
   // The classic locale's converter for char32_t is UTF-8 by definition, but lets
   // halves of surrogate pairs pass.
   using Converter = std::codecvt<char32_t, char, std::mbstate_t>;

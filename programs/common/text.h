@@ -15,6 +15,9 @@ std::string inQuotes(const std::string &text);
 // Whether the text holds an ASCII control character (NUL, newline, DEL, …).
 bool hasControl(const std::string &text);
 
+// Whether the text consists of ASCII letters, digits and these other characters.
+bool isMadeOf(const std::string &text, const char *others);
+
 // Whether the text is valid UTF-8. Postfix ignores table lines that are not.
 bool isUtf8(const std::string &text);
 

@@ -1,7 +1,8 @@
 // postwell alias list|show|add|remove|rename|delete: mail names and their members.
 //
 // A command reads all aliases, works out what they are to be, lets the library make the
-// change, and reads back what became of it: a damaged file is made anew without a word.
+// change, and reads back what became of it: when the library meets damage while it makes
+// a change, it makes the file anew and reports success.
 //
 // To Postfix names have no case, so an alias is found under any spelling and keeps its
 // own. Only new names have to keep the rules; what is stored already can always be
@@ -49,8 +50,7 @@ std::string described(const MemberInfo &member) {
   return wordFor(member.type) + (" " + inQuotes(member.strName));
 }
 
-template <class Container>
-bool holds(const Container &members, const MemberInfo &member) {
+bool holds(const Members &members, const MemberInfo &member) {
   return std::find(members.begin(), members.end(), member) != members.end();
 }
 
@@ -102,15 +102,11 @@ bool isDone(const AliasTable &before, const AliasTable &after, const AliasTable 
 template <class Operation>
 void change(Alias &file, const AliasTable &before, const AliasTable &after,
             Operation operation) {
-  if (operation() != 0) throw saveFailed(false);
-  {
-    Alias again;
-    if (!isDone(before, after, read(again)))
-      throw Failure(
-          kFailed,
-          "the change is not stored: the aliases were damaged, and alias.db has\n"
-          "been made anew. Restore it from a backup or add the aliases again.");
-  }
+  if (file.load() != 0 || operation() != 0) throw saveFailed(false);
+  if (!isDone(before, after, read(file)))
+    throw Failure(kFailed,
+                  "the change is not stored: the aliases were damaged, and alias.db has\n"
+                  "been made anew. Restore it from a backup or add the aliases again.");
   if (file.save() != 0)
     throw saveFailed(
         true, "run \"/var/packages/Postwell/target/scripts/DaemonConfSet.sh alias\"");
@@ -125,9 +121,11 @@ MemberInfo checked(MemberInfo member, const AliasTable &aliases,
     const auto found = find(aliases, member.strName);
     if (found != aliases.end()) member.strName = found->first;
   }
-  std::set<std::string> names;
-  for (const auto &[name, members] : aliases) names.insert(lowerCase(name));
-  const Resolved result = resolve(member, names, accounts);
+  const auto isAlias = [&aliases](const std::string &name) {
+    return find(aliases, name) != aliases.end();
+  };
+  Resolved result;
+  resolve(member, isAlias, accounts, &result);
   if (result.destinations.empty() && !result.unreachable.empty())
     throw Failure(kWrongUsage, described(member) +
                                    " is refused: " + result.unreachable.front().second +
@@ -225,8 +223,7 @@ Names takeOut(AliasTable *aliases, const Names &names) {
     };
     Names emptied;
     for (auto &[name, members] : *aliases) {
-      members.erase(std::remove_if(members.begin(), members.end(), isGone),
-                    members.end());
+      members.remove_if(isGone);
       if (members.empty()) emptied.push_back(name);
     }
     gone.splice(gone.end(), next);
@@ -264,7 +261,7 @@ void remove(const std::string &name, const Members &members) {
   const AliasTable before = read(file);
   const auto found = get(before, name);
   const std::string &alias = found->first;
-  const std::vector<MemberInfo> &stored = found->second;
+  const Members &stored = found->second;
   Members removed;
   for (const MemberInfo &member : members) {
     const auto isIt = [&member](const MemberInfo &other) {
@@ -280,7 +277,7 @@ void remove(const std::string &name, const Members &members) {
   const auto isRemoved = [&removed](const MemberInfo &member) {
     return holds(removed, member);
   };
-  left.erase(std::remove_if(left.begin(), left.end(), isRemoved), left.end());
+  left.remove_if(isRemoved);
   if (left.empty()) return deleteAll(file, before, {alias}, " with its last member");
   change(file, before, after, [&] { return file.delMember(alias, removed); });
   std::cout << "Alias " << inQuotes(alias) << " has " << counted(left.size(), "member")
