@@ -15,6 +15,14 @@ TEST(Text, PrintableShowsEveryByteSafely) {
   EXPECT_EQ(printable(string("\0\x1f\x7f\x80\xff", 5)), "\\x00\\x1f\\x7f\\x80\\xff");
 }
 
+TEST(Text, IsMadeOf) {
+  EXPECT_TRUE(isMadeOf("", ""));
+  EXPECT_TRUE(isMadeOf("azAZ09.-", "-."));
+  for (const string &bad :
+       {string("a.b"), string("a\0", 2), string("\xc3\xbc"), string("a b")})
+    EXPECT_FALSE(isMadeOf(bad, "-")) << printable(bad);
+}
+
 TEST(Text, HasControl) {
   for (int c = 0; c < 256; ++c)
     EXPECT_EQ(hasControl(string("a") + static_cast<char>(c)), c < 32 || c == 127) << c;
