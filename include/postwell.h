@@ -38,8 +38,8 @@ POSTWELL_API std::list<std::string> StringSplit(const char *text, const char *de
 POSTWELL_API void Trim(std::string &text) noexcept;
 
 // The account without its domain: what follows the last backslash of "DOMAIN\name", or
-// what precedes the first "@" of "name@domain". A name that begins with either is
-// returned as it is. May throw std::bad_alloc.
+// else what precedes the first "@" of "name@domain". A backslash or "@" at the very
+// beginning sets off no domain and stays. May throw std::bad_alloc.
 POSTWELL_API std::string TrimDomainName(const std::string &name);
 
 // Makes the calling process the one instance of a service: ends the process that

@@ -86,6 +86,8 @@ std::string loginProblem(const Login &login) {
     return "no relay account is set (postwell relay set --account …)";
   std::string problem = accountProblem(login.account);
   if (!problem.empty()) return "the relay account " + problem;
+  if (login.password.empty())
+    return "no relay password is set (postwell relay set --password-stdin)";
   problem = passwordProblem(login.password);
   return problem.empty() ? "" : "the relay password " + problem;
 }
