@@ -20,7 +20,7 @@ int run(int argc, const char *const *argv) {
       "Postfix and Dovecot follow.",
       "postwell");
   app.set_version_flag("--version", "postwell " POSTWELL_VERSION);
-  app.require_subcommand(1);
+  requireSubcommand(app);
   app.failure_message([](const CLI::App *, const CLI::Error &error) {
     // The message may quote an argument.
     return "postwell: " + printable(error.what()) +

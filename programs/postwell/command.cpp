@@ -34,16 +34,17 @@ void printJson(const Values &values) {
 
 Failure settingsUnreadable() {
   return {kFailed,
-          "cannot read the settings of the mail server package.\n"
-          "Run as root, and make sure that the package is installed."};
+          "cannot read /var/packages/Postwell/etc/postwell.conf.\n"
+          "Run as root. If the file is missing, install the package again, or copy\n"
+          "/var/packages/Postwell/target/etc/postwell.conf.default to its place."};
 }
 
 Failure relayPasswordLost() {
-  return {
-      kFailed,
-      "the stored relay password cannot be decrypted; it was made on another machine or\n"
-      "changed by hand. Nothing was changed. Set it again:\n"
-      "postwell relay set --password-stdin"};
+  return {kFailed,
+          "the stored relay password cannot be decrypted, so nothing was changed.\n"
+          "Only root can: run as root. If you did, it was made on another machine or "
+          "changed\n"
+          "by hand; set it again with \"postwell relay set --password-stdin\"."};
 }
 
 Failure saveFailed(bool written, const std::string &remedy) {
@@ -53,14 +54,29 @@ Failure saveFailed(bool written, const std::string &remedy) {
             "Run as root; the system log tells which step failed."};
   return {kFailed,
           "the new settings are in the file, but the daemons may not follow them.\n"
-          "The lines above and the system log tell which step failed; correct the cause "
-          "and\n" +
+          "The system log, and lines above if there are any, tell which step failed;\n"
+          "correct the cause and\n" +
               remedy + "."};
+}
+
+CLI::ParseError wrongUsage(const std::string &text) {
+  return {text, CLI::ExitCodes::RequiredError};
+}
+
+void requireSubcommand(CLI::App &command) {
+  command.require_subcommand(0, 1);
+  command.callback([&command] {
+    if (!command.get_subcommands().empty()) return;
+    std::string names;
+    for (const CLI::App *const other : command.get_subcommands(nullptr))
+      names += (names.empty() ? "" : ", ") + other->get_name();
+    throw wrongUsage("name one of: " + names);
+  });
 }
 
 CLI::App &addNoun(CLI::App &app, const std::string &name, const std::string &help) {
   CLI::App *const noun = app.add_subcommand(name, help);
-  noun->require_subcommand(1);
+  requireSubcommand(*noun);
   return *noun;
 }
 

@@ -39,6 +39,13 @@ Failure saveFailed(bool written, const std::string &remedy = "set them again");
 // shown. Strings may hold any bytes.
 using Values = nlohmann::ordered_json;
 
+// What CLI11 throws for a wrong command line.
+CLI::ParseError wrongUsage(const std::string &text);
+
+// A command line must name one of the subcommands. CLI11's own requirement would hide a
+// misspelt word behind "A subcommand is required".
+void requireSubcommand(CLI::App &command);
+
 // Adds the noun; a command line must name one of its verbs.
 CLI::App &addNoun(CLI::App &app, const std::string &name, const std::string &help);
 
@@ -65,9 +72,7 @@ class SetCommand {
   explicit SetCommand(CLI::App &noun)
       : command_(noun.add_subcommand(
             "set", "Change settings; what is not named stays as it is")),
-        changes_(std::make_shared<std::vector<Change>>()) {
-    command_->require_option();
-  }
+        changes_(std::make_shared<std::vector<Change>>()) {}
 
   CLI::App *command() const { return command_; }
 
@@ -84,6 +89,16 @@ class SetCommand {
     command_->add_option_function(name, remember, help)
         ->transform(rule.validator)
         ->type_name(rule.takes);
+  }
+
+  // What the command does, once its line is known to name an option.
+  void callback(const std::function<void()> &run) const {
+    command_->callback([command = command_, run] {
+      constexpr size_t kVerbAlone = 1;
+      if (command->count_all() == kVerbAlone)
+        throw wrongUsage("name at least one setting");
+      run();
+    });
   }
 
   // Makes the changes of the command line in memory.

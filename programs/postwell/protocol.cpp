@@ -4,7 +4,7 @@
 
 #include "command.h"
 #include "nouns.h"
-#include "receive_protocol.h"
+#include "ports.h"
 
 namespace {
 
@@ -26,12 +26,6 @@ Values describe(ReceiveProtocol protocols) {
   return values;
 }
 
-ReceiveProtocol readProtocols() {
-  ReceiveProtocol protocols;
-  if (protocols.load() != 0) throw settingsUnreadable();
-  return protocols;
-}
-
 void confirm(ReceiveProtocol protocols) {
   const char *separator = "";
   for (const Offer &offer : kOffers) {
@@ -45,6 +39,7 @@ void confirm(ReceiveProtocol protocols) {
 void runSet(const SetCommand<ReceiveProtocol> &set) {
   ReceiveProtocol protocols = readProtocols();
   set.apply(protocols);
+  refuseSharedPort(readSmtp(), protocols);
   if (protocols.save() != 0)
     throw saveFailed(describe(readProtocols()) == describe(protocols));
   confirm(protocols);
@@ -65,5 +60,5 @@ void addProtocol(CLI::App &app) {
     set.option<bool>(std::string("--") + offer.key, std::string("Offer ") + offer.name,
                      yesNo(), setter);
   }
-  set.command()->callback([set] { runSet(set); });
+  set.callback([set] { runSet(set); });
 }

@@ -145,6 +145,6 @@ void addRelay(CLI::App &app) {
   CLI::Option *const fromFile =
       set.command()->add_option("--password-file", "Read the password from a file");
   fromFile->type_name("FILE")->excludes(fromStdin);
-  set.command()->callback(
+  set.callback(
       [set, options = PasswordOptions{fromStdin, fromFile}] { runSet(set, options); });
 }

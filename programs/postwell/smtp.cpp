@@ -6,6 +6,7 @@
 
 #include "command.h"
 #include "nouns.h"
+#include "ports.h"
 
 namespace {
 
@@ -23,13 +24,6 @@ Values describe(const SMTP &smtp) {
           {"smtps_port", smtp.getSMTPsPort()}};
 }
 
-// The group alone: showing it must not depend on the relay's password.
-SMTP readSmtp() {
-  SMTP smtp;
-  if (smtp.loadSMTPSetting() != 0) throw settingsUnreadable();
-  return smtp;
-}
-
 void confirm(const SMTP &smtp) {
   std::cout << "SMTP " << onOff(smtp.isEnabled());
   if (smtp.isEnabled()) {
@@ -43,10 +37,7 @@ void runSet(const SetCommand<SMTP> &set) {
   SMTP smtp = readSmtp();
   if (smtp.loadRelaySetting() != 0) throw relayPasswordLost();  // saved along
   set.apply(smtp);
-  if (smtp.isEnabledSMTPS() && smtp.getSMTPPort() == smtp.getSMTPsPort())
-    throw Failure(kWrongUsage, "SMTP and SMTPS cannot share port " +
-                                   std::to_string(smtp.getSMTPPort()) +
-                                   "; choose another with --port or --smtps-port");
+  refuseSharedPort(smtp, readProtocols());
   if (smtp.save() != 0) throw saveFailed(describe(readSmtp()) == describe(smtp));
   confirm(smtp);
 }
@@ -76,5 +67,5 @@ void addSmtp(CLI::App &app) {
                    yesNo(), &SMTP::setRestrictSender);
   set.option<bool>("--smtps", "Offer SMTP over TLS", yesNo(), &SMTP::setSMTPS);
   set.option<int>("--smtps-port", "The SMTPS port", port, &SMTP::setSMTPsPort);
-  set.command()->callback([set] { runSet(set); });
+  set.callback([set] { runSet(set); });
 }

@@ -32,6 +32,19 @@ class PostwellProtocol : public testing::Test {
   PackageTree package_;
 };
 
+TEST_F(PostwellProtocol, PortsOfPostfixAreTaken) {
+  writeSettingsWith("smtps_port", "993");
+  const std::string before = readFile(PackageTree::kSettings);
+  const Outcome outcome = set({"--imaps", "yes"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.err,
+            "postwell: IMAP over TLS and SMTPS cannot share port 993; choose another "
+            "with \"postwell smtp set --smtps-port\"\n");
+  EXPECT_EQ(readFile(PackageTree::kSettings), before);
+  EXPECT_TRUE(package_.takeCalls().empty());
+  EXPECT_EQ(set({"--pop3s", "yes"}).status, 0);
+}
+
 TEST_F(PostwellProtocol, Show) {
   const Outcome outcome = RUN_TEST_PROGRAM({"protocol", "show"});
   EXPECT_EQ(outcome.status, 0);
@@ -87,7 +100,7 @@ TEST_F(PostwellProtocol, MissingSettings) {
        {RUN_TEST_PROGRAM({"protocol", "show"}), set({"--imap", "no"})}) {
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.err.rfind("postwell: cannot read the settings", 0), 0u)
+    EXPECT_EQ(outcome.err.rfind("postwell: cannot read /var/packages/Postwell/etc/postwell.conf", 0), 0u)
         << outcome.err;
   }
   EXPECT_FALSE(fileExists(PackageTree::kSettings));

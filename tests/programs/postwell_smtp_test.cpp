@@ -235,7 +235,7 @@ TEST_F(PostwellSmtp, OneWrongValueStopsThemAll) {
 }
 
 TEST_F(PostwellSmtp, PortsMustDiffer) {
-  const std::string message = "; choose another with --port or --smtps-port";
+  const std::string message = "; choose another with \"postwell smtp set --smtps-port\"";
   expectRefused({"--port", "4650"}, "SMTP and SMTPS cannot share port 4650" + message);
   expectRefused({"--smtps-port", "2525"},
                 "SMTP and SMTPS cannot share port 2525" + message);
@@ -247,10 +247,39 @@ TEST_F(PostwellSmtp, PortsMustDiffer) {
   expectRefused({"--size-limit", "5"}, "SMTP and SMTPS cannot share port 2525" + message);
 }
 
+TEST_F(PostwellSmtp, PortsOfDovecotAreTaken) {
+  const std::string message = "; choose another with \"postwell smtp set --port\"";
+  const std::vector<std::tuple<std::string, std::string, int>> ports = {
+      {"pop3_enabled", "POP3", 110},
+      {"imap_enabled", "IMAP", 143},
+      {"imaps_enabled", "IMAP over TLS", 993},
+      {"pop3s_enabled", "POP3 over TLS", 995}};
+  for (const auto &[key, name, number] : ports) {
+    const std::string port = std::to_string(number);
+    writeSettingsWith(key, "yes");
+    expectRefused({"--port", port},
+                  name + " and SMTP cannot share port " + port + message);
+    expectRefused({"--smtps-port", port},
+                  name + " and SMTPS cannot share port " + port +
+                      "; choose another with \"postwell smtp set --smtps-port\"");
+    writeSettingsWith(key, "no");
+    EXPECT_EQ(set({"--port", port}).status, 0) << name;
+    EXPECT_EQ(settingsNow()["smtp_port"], '"' + port + '"');
+    package_.takeCalls();
+  }
+}
+
+TEST_F(PostwellSmtp, AnyPortWhileItIsOff) {
+  expectSet(
+      {"--enabled", "no", "--port", "143", "--smtps-port", "143"},
+      {{"smtp_enabled", "\"no\""}, {"smtp_port", "\"143\""}, {"smtps_port", "\"143\""}});
+}
+
 TEST_F(PostwellSmtp, MissingOrUnreadableSettings) {
   const std::string message =
-      "postwell: cannot read the settings of the mail server package.\n"
-      "Run as root, and make sure that the package is installed.\n";
+      "postwell: cannot read /var/packages/Postwell/etc/postwell.conf.\n"
+      "Run as root. If the file is missing, install the package again, or copy\n"
+      "/var/packages/Postwell/target/etc/postwell.conf.default to its place.\n";
   ASSERT_EQ(chmod(PackageTree::kSettings, 0), 0);
   for (int round = 0; round < 2; ++round) {
     for (const Outcome &outcome : {show(), show({"--json"}), set({"--port", "26"})}) {
@@ -277,8 +306,8 @@ TEST_F(PostwellSmtp, AFailingScript) {
         outcome.err,
         "postwell: the new settings are in the file, but the daemons may not follow "
         "them.\n"
-        "The lines above and the system log tell which step failed; correct the cause "
-        "and\nset them again.\n");
+        "The system log, and lines above if there are any, tell which step failed;\n"
+        "correct the cause and\nset them again.\n");
     EXPECT_EQ(settingsNow()["message_limit"], "\"30\"");
   }
 }
@@ -311,9 +340,10 @@ TEST_F(PostwellSmtp, ALostRelayPasswordIsNamed) {
   EXPECT_EQ(outcome.status, 1);
   EXPECT_EQ(
       outcome.err,
-      "postwell: the stored relay password cannot be decrypted; it was made on another "
-      "machine or\nchanged by hand. Nothing was changed. Set it again:\n"
-      "postwell relay set --password-stdin\n");
+      "postwell: the stored relay password cannot be decrypted, so nothing was changed.\n"
+      "Only root can: run as root. If you did, it was made on another machine or "
+      "changed\n"
+      "by hand; set it again with \"postwell relay set --password-stdin\".\n");
   EXPECT_TRUE(package_.takeCalls().empty());
 }
 
