@@ -68,6 +68,11 @@ class Builder {
       if (line.left > 0) write(line);
     // A user of that name, whom "root" may lead to, has the mail already.
     const bool isUser = !accounts_.mailbox("postmaster").empty();
+    if (!isUser && !isWritten("postmaster") && find("root") != kNone &&
+        !isWritten("root"))
+      tell(
+          "mail to root and postmaster cannot be delivered: name a reader with "
+          "\"postwell alias add root --user NAME\"");
     writeDefault("postmaster", isUser ? "postmaster" : "root");
     writeDefault("MAILER-DAEMON", "postmaster");
     return std::move(map_);
@@ -230,9 +235,13 @@ class Builder {
     map_.text += '\n';
   }
 
-  void writeDefault(const std::string &name, const std::string &member) {
+  bool isWritten(const std::string &name) const {
     const size_t line = find(lowerCase(name));
-    if (line == kNone || lines_[line].left == 0) map_.text += name + ": " + member + "\n";
+    return line != kNone && lines_[line].left > 0;
+  }
+
+  void writeDefault(const std::string &name, const std::string &member) {
+    if (!isWritten(name)) map_.text += name + ": " + member + "\n";
   }
 
   const Accounts &accounts_;

@@ -111,6 +111,18 @@ TEST(AliasMapText, AnAliasWithoutMembersIsLeftOutWhereverItIsNamed) {
                    leftOut("a", "b", "that alias is left out"), empty("d")}));
 }
 
+TEST(AliasMapText, ARootThatNobodyReadsIsToldWithTheRemedy) {
+  const string remedy =
+      "mail to root and postmaster cannot be delivered: name a reader with "
+      "\"postwell alias add root --user NAME\"";
+  EXPECT_EQ(problemsOf({{"root", {user("gone")}}}),
+            (Names{leftOut("root", "gone", "there is no such user"), empty("root"),
+                   remedy}));
+  EXPECT_EQ(problemsOf({{"root", {user("gone")}}, {"postmaster", {user("amy")}}}),
+            (Names{leftOut("root", "gone", "there is no such user"), empty("root")}));
+  EXPECT_EQ(problemsOf({{"root", {user("amy")}}}), Names());
+}
+
 TEST(AliasMapText, AUserWhoseAliasIsLeftOutHasAMailbox) {
   EXPECT_EQ(linesOf({{"amy", {user("gone")}}, {"b", {user("amy")}}}), "b: amy\n");
 }
