@@ -41,6 +41,7 @@ start() {
     stop
     return
   fi
+  needs doveconf Dovecot
   [[ -e $DOVECOT/dovecot.conf ]] || "$here/DaemonConfSet.sh" protocol || exit 1
   if running; then return; fi
   prepareFolders

@@ -33,6 +33,7 @@ start() {
     stop
     return
   fi
+  needs postconf Postfix
   [[ -e $POSTFIX/main.cf && -e $POSTFIX/master.cf ]] || "$here/DaemonConfSet.sh" smtp || exit 1
   if running; then return; fi
   prepareFolders

@@ -68,7 +68,7 @@ readSettingsFile() {
 }
 
 readSettings() {
-  [[ -r $SETTINGS ]] || fail "cannot read $SETTINGS"
+  [[ -r $SETTINGS ]] || fail "cannot read $SETTINGS (if it is missing, copy $DEFAULTS there)"
   readSettingsFile "$DEFAULTS"
   readSettingsFile "$SETTINGS"
 }
@@ -78,6 +78,15 @@ enabled() { [[ ${settings[$1]} == yes ]]; }
 
 # refuse KEY EXPECTED: ends the script because of a setting's value.
 refuse() { fail "$1 is \"${settings[$1]:0:80}\", expected $2"; }
+
+# additionsIn FILE...: tells, in a message, which of the administrator's files hold any.
+additionsIn() {
+  local file names=()
+  for file in "$@"; do
+    if grep -qsE '^[^#[:space:]]' "$ADDITIONS/$file"; then names+=("$ADDITIONS/$file"); fi
+  done
+  ((${#names[@]} == 0)) || printf ' with the additions in %s' "${names[*]}"
+}
 
 # ---- Values that may stand in a daemon's configuration --------------------------
 
@@ -181,9 +190,13 @@ ensureCertificate() {
     mv "$TLS/cert.pem.new" "$TLS/cert.pem"; } || fail "cannot write $TLS"
 }
 
+# needs PROGRAM NAME: ends the script when the daemon is not installed.
+needs() { command -v "$1" >/dev/null || fail "$2 is not installed (there is no $1)"; }
+
 # lock NAME: waits until no other script holds NAME and keeps it, to the end of
 # the script or to unlock.
 lock() {
+  ((EUID == 0)) || fail "must be run as root"
   { install -d -m 755 "$RUN" && exec {lock_fd}>"$RUN/$1.lock" && flock "$lock_fd"; } ||
     fail "cannot lock $RUN/$1.lock"
 }

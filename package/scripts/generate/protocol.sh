@@ -72,11 +72,12 @@ EOC
 
 generate() {
   local message
+  needs doveconf Dovecot
   ensureCertificate
   stageIn "$DOVECOT"
   writeDovecotConf >"$stage/dovecot.conf" || fail "cannot write $stage"
   message=$(doveconf -n -c "$stage/dovecot.conf" 2>&1 >/dev/null) ||
-    fail "Dovecot refuses the configuration: $(reason "$message")"
+    fail "Dovecot refuses the configuration$(additionsIn dovecot.conf): $(reason "$message")"
   mv -f "$stage/dovecot.conf" "$DOVECOT/dovecot.conf" ||
     fail "cannot put $DOVECOT/dovecot.conf in place"
 }

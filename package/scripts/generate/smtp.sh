@@ -175,7 +175,7 @@ addOwnParameters() {
   mapfile -t parameters < <(additionalParameters "$ADDITIONS/postfix-main.cf")
   ((${#parameters[@]})) || return 0
   message=$(postconf -c "$stage" -e "${parameters[@]}" 2>&1) ||
-    fail "$ADDITIONS/postfix-main.cf is refused: $(reason "$message")"
+    refuseStaged "$(reason "$message")"
 }
 
 addOwnServices() {
@@ -202,21 +202,50 @@ ensureMap() {
 # Postfix's programs wait while main.cf looks as if someone were still writing it.
 settle() { touch -d '1 minute ago' "$1"/*.cf; }
 
+refuseStaged() {
+  fail "Postfix refuses the configuration$(additionsIn postfix-main.cf postfix-master.cf): $1"
+}
+
+# A copy whose programs log where the reason can be read: logTo FOLDER FILE
+logTo() {
+  { mkdir -p "$1" && cp "$stage"/*.cf "$1" && postconf -c "$1" -e maillog_file="$2" && settle "$1"; } ||
+    fail "cannot write $1"
+}
+
+# The programs of master.cf that Postfix does not have.
+missingPrograms() {
+  local programs program
+  programs=$(postconf -h -c "$stage" daemon_directory)
+  for program in $(postconf -c "$stage" -M | awk '{ print $8 }' | sort -u); do
+    [[ -x $programs/$program ]] || echo "$program"
+  done
+}
+
 # Each tool knows a part of the rules, and not all of them say on stderr what is
-# wrong: "postconf" knows the form of both files, any program that reads a table
-# the parameters common to all, "postfix check" the rest, in a copy that logs
-# where the reason can be read. It also makes the folders of the real queue.
+# wrong: "postconf" knows the form of both files and the names, any program that
+# reads a table the parameters common to all, "postfix check" the folders, and makes
+# those of the real queue; smtpd, talking to nobody, its own parameters.
 checkStaged() {
-  local message copy=$stage/check
+  local message
   settle "$stage"
   message=$( { postconf -c "$stage" -M && postconf -c "$stage" -x &&
-    postmap -c "$stage" -q any static:any; } 2>&1 >/dev/null) ||
-    fail "Postfix refuses the configuration: $(reason "$message")"
-  { mkdir "$copy" && cp "$stage"/*.cf "$copy" &&
-    postconf -c "$copy" -e maillog_file=/dev/stdout && settle "$copy"; } ||
-    fail "cannot write $copy"
-  message=$(postfix -c "$copy" check 2>&1) ||
-    fail "Postfix refuses the configuration: $(reason "$message")"
+    postmap -c "$stage" -q any static:any; } 2>&1 >/dev/null) || refuseStaged "$(reason "$message")"
+  message=$(postconf -c "$stage" -n 2>&1 >/dev/null)
+  [[ -z $message ]] || refuseStaged "$(reason "${message#*warning: }")"
+  message=$(missingPrograms | head -n 1)
+  [[ -z $message ]] || refuseStaged "there is no program $message"
+  logTo "$stage/check" /dev/stdout
+  message=$(postfix -c "$stage/check" check 2>&1) || refuseStaged "$(reason "$message")"
+  checkServer "$stage/check" ||
+    refuseStaged "the SMTP server does not start with it; the system log tells why"
+}
+
+# checkServer COPY: by itself, the program has no proxymap to ask and no entropy for TLS.
+checkServer() {
+  logTo "$1" ""
+  { sed -i 's/proxy://g; /^smtpd_tls_security_level = may$/d' "$1/main.cf" && settle "$1"; } ||
+    fail "cannot write $1"
+  echo QUIT | MAIL_CONFIG=$1 timeout 10 "$(postconf -h -c "$1" daemon_directory)/smtpd" -S >/dev/null 2>&1
 }
 
 putInPlace() {
@@ -243,6 +272,7 @@ announceFolder() {
 }
 
 generate() {
+  needs postconf Postfix
   checkSettings
   ensureCertificate
   stageIn "$POSTFIX"

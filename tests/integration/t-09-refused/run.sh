@@ -54,21 +54,27 @@ setKey smtp_port 25
 
 step "the administrator's additions to Postfix"
 for addition in 'message_size_limit = big' 'no equals sign' "relayhost = \${" \
-  'inet_interfaces = 192.0.2.77' 'queue_directory = /nonexistent'; do
+  'inet_interfaces = 192.0.2.77' 'queue_directory = /nonexistent' 'no_such_parameter = 1' \
+  'smtpd_timeout = 5q' 'smtpd_client_connection_count_limit = many'; do
   echo "$addition" >"$ADDITIONS/postfix-main.cf"
-  refused "refuse" "$SCRIPTS/DaemonConfSet.sh" smtp
+  refused "refuses the configuration with the additions in $ADDITIONS/postfix-main.cf: " \
+    "$SCRIPTS/DaemonConfSet.sh" smtp
   expect equal "$(inForce)" "$good"
 done
 withoutAdditions
-echo 'half a line' >"$ADDITIONS/postfix-master.cf"
-refused "master.cf" "$SCRIPTS/DaemonConfSet.sh" smtp
-expect equal "$(inForce)" "$good"
+for addition in 'half a line' 'extra unix - - n - - no-such-program'; do
+  echo "$addition" >"$ADDITIONS/postfix-master.cf"
+  refused "refuses the configuration with the additions in $ADDITIONS/postfix-master.cf: " \
+    "$SCRIPTS/DaemonConfSet.sh" smtp
+  expect equal "$(inForce)" "$good"
+done
 withoutAdditions
 
 step "and to Dovecot"
 for addition in 'no_such_setting = 1' 'service {' 'first_valid_uid = x'; do
   echo "$addition" >"$ADDITIONS/dovecot.conf"
-  refused "Dovecot refuses the configuration" "$SCRIPTS/DaemonConfSet.sh" protocol
+  refused "Dovecot refuses the configuration with the additions in $ADDITIONS/dovecot.conf: " \
+    "$SCRIPTS/DaemonConfSet.sh" protocol
   expect equal "$(inForce)" "$good"
 done
 run postwell protocol set --imaps yes
@@ -82,6 +88,17 @@ mv "$SETTINGS" "$WORLD/away"
 refused "cannot read $SETTINGS" "$SCRIPTS/DaemonConfSet.sh" smtp
 refused "cannot read $SETTINGS" "$SCRIPTS/DaemonConfSet.sh" protocol
 mv "$WORLD/away" "$SETTINGS"
+
+step "a daemon that is not there, and someone who may not"
+mv /usr/sbin/postconf /usr/bin/doveconf "$WORLD"
+refused "Postfix is not installed (there is no postconf)" "$SCRIPTS/DaemonConfSet.sh" smtp
+refused "Dovecot is not installed (there is no doveconf)" "$SCRIPTS/DaemonConfSet.sh" protocol
+mv "$WORLD/postconf" /usr/sbin && mv "$WORLD/doveconf" /usr/bin
+for script in "DaemonConfSet.sh smtp" "PostfixDaemon.sh restart" "DovecotDaemon.sh stop"; do
+  # shellcheck disable=SC2086  # the verb is a word of its own
+  run setpriv --reuid alice --clear-groups "$SCRIPTS/"$script
+  expect equal "$status $err" "1 ${script%% *}: must be run as root"
+done
 
 step "nothing is left half-way, and all is well again"
 expect equal "$(find "$T/etc" -name '*.new*')" ""
