@@ -20,7 +20,8 @@
 // Appends the lines of the first section "[section]" of a file to `lines`, white space
 // at both ends removed, blank lines left out; there are no comments. A line that begins
 // with "[" in its first column ends the section. Returns 0, also when the section is
-// missing, or -1 when a pointer is null, the file cannot be opened or memory is short.
+// missing, or -1 when a pointer is null, the file cannot be opened or memory for the list
+// is short; a line that cannot be read ends the file.
 POSTWELL_API int GetSectionContent(const char *path, const char *section,
                                    std::list<std::string> &lines) noexcept;
 

@@ -48,7 +48,7 @@ bool makeFile(const std::string &path) {
 // the same new file.
 bool filledByAnother(sqlite3 *connection) {
   const int code = sqlite3_errcode(connection) & 0xff;
-  return code == SQLITE_BUSY || code == SQLITE_LOCKED ||
+  return code == SQLITE_BUSY ||
          strstr(sqlite3_errmsg(connection), "already exists") != nullptr;
 }
 
@@ -123,6 +123,7 @@ int DBHandler::createDB() noexcept {
     if (useless) unlink(strDBPath.c_str());
     return m_ErrCode;
   }
+  sqlite3_busy_timeout(db, m_BusyTimeout);
   return 0;
 }
 

@@ -1,8 +1,8 @@
 // Members become what aliases(5) can say: users and the users of groups by name, other
 // aliases by name, outside addresses as they are.
 //
-// The walk along the aliases breaks circles, which Postfix would follow a hundred times
-// before it bounces the mail, and finds the aliases that come to nothing.
+// The walk along the aliases breaks circles and chains that Postfix would give up
+// following, bouncing the mail, and finds the aliases that come to nothing.
 
 #include "common/alias_map.h"
 
@@ -15,7 +15,11 @@ namespace {
 
 // Needs no quotes, like letters and digits. "#" is left out: a line that begins with it
 // is a comment.
-constexpr char kPlain[] = ".!$%&'*+-=?^_`{}~";
+constexpr char kPlain[] = ".$&'*+-=?^_`{}~";
+
+// How many aliases may lead to each other in a row: Postfix 3.7 follows 24 and bounces
+// the mail as a loop after that; a user's own forwarding counts as well.
+constexpr size_t kLongestChain = 20;
 
 // A local name as one word of the format.
 std::string quoted(const std::string &name) {
@@ -91,6 +95,7 @@ class Builder {
     std::string name;
     std::vector<Destination> words;  // one that was left out has no name
     size_t left = 0;                 // how many were not, once the walk was here
+    size_t chain = 1;                // aliases in a row from here on, this one included
     Walk walk = Walk::kNotYet;
   };
 
@@ -104,9 +109,14 @@ class Builder {
          " is left out: " + reason);
   }
 
+  void tellLoop(const std::string &alias, const std::string &member,
+                const std::string &reason) {
+    tellLeftOut(alias, member, reason);
+    map_.loops.push_back(map_.problems.back());
+  }
+
   void tellCircle(const std::string &alias, const std::string &member) {
-    tellLeftOut(alias, member, "the aliases lead back to each other");
-    map_.circles.push_back(map_.problems.back());
+    tellLoop(alias, member, "the aliases lead back to each other");
   }
 
   void tellEmpty(const std::string &alias) {
@@ -217,10 +227,19 @@ class Builder {
       tellCircle(line->name, word->name);
     else if (target.left == 0 && word->type == ALIAS)
       tellLeftOut(line->name, word->name, "that alias is left out");
-    else
+    else if (target.left == 0)
       return;  // a user whose alias is left out has a mailbox
+    else if (target.chain == kLongestChain)
+      tellLoop(line->name, word->name,
+               "more than " + std::to_string(kLongestChain) + " aliases in a row");
+    else
+      return lengthen(line, target);
     word->name.clear();
     if (--line->left == 0) tellEmpty(line->name);
+  }
+
+  static void lengthen(Line *line, const Line &target) {
+    line->chain = std::max(line->chain, target.chain + 1);
   }
 
   void write(const Line &line) {

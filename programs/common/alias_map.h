@@ -11,11 +11,11 @@
 struct AliasMap {
   std::string text;                   // aliases(5), sorted by name
   std::vector<std::string> problems;  // what was left out and why, a sentence each
-  std::vector<std::string> circles;   // those of them that broke a circle
+  std::vector<std::string> loops;     // those of them without which mail would loop
 };
 
 // The map of these aliases. A member that does not exist, that the format cannot carry
-// safely, or that would make a circle is left out and told; an alias without a member
+// safely, or that would make a circle or too long a chain is left out and told; an alias without a member
 // left is left out too. Names that differ in case alone are one alias, as they are to
 // Postfix. "postmaster" and "MAILER-DAEMON" are always there.
 //

@@ -58,7 +58,8 @@ std::string localNameProblem(const std::string &name) {
   if (name.empty()) return "must not be empty";
   if (hasControl(name) || !isUtf8(name))
     return "must be UTF-8 without control characters";
-  if (name.find('@') != std::string::npos) return "must not hold an @";
+  if (name.find_first_of("@%!") != std::string::npos)
+    return "must not hold @, % or !";  // with which mail is routed elsewhere
   if (std::strchr(kInstructions, name.front()) != nullptr)
     return "must not begin with a character that makes it a command or a file";
   if (name.front() == '-') return "must not begin with a hyphen";  // nor will Postfix

@@ -56,7 +56,8 @@ bool holds(const Members &members, const MemberInfo &member) {
 
 // ---- the stored aliases
 
-AliasTable read(Alias &file) {
+AliasTable readAll() {
+  Alias file;
   AliasTable aliases;
   const std::string problem = readAliases(file, &aliases);
   if (!problem.empty()) throw Failure(kFailed, problem);
@@ -98,16 +99,28 @@ bool isDone(const AliasTable &before, const AliasTable &after, const AliasTable 
          });
 }
 
+// Closing the file commits what a failed operation has left open.
+template <class Operation>
+bool succeeds(Operation operation) {
+  Alias file;
+  return file.getError() == 0 && file.load() == 0 && operation(file) == 0;
+}
+
 // Makes the change, which turns `before` into `after`, and publishes it.
 template <class Operation>
-void change(Alias &file, const AliasTable &before, const AliasTable &after,
-            Operation operation) {
-  if (file.load() != 0 || operation() != 0) throw saveFailed(false);
-  if (!isDone(before, after, read(file)))
-    throw Failure(kFailed,
+void change(const AliasTable &before, const AliasTable &after, Operation operation) {
+  const bool succeeded = succeeds(operation);
+  if (!isDone(before, after, readAll()))
+    throw succeeded
+        ? Failure(kFailed,
                   "the change is not stored: the aliases were damaged, and alias.db has\n"
-                  "been made anew. Restore it from a backup or add the aliases again.");
-  if (file.save() != 0)
+                  "been made anew. Restore it from a backup or add the aliases again.")
+        : Failure(
+              kFailed,
+              "the aliases are not as wanted. Run as root, and again if someone else\n"
+              "was changing them; the system log tells which step failed.");
+  Alias file;
+  if (file.getError() != 0 || file.save() != 0)
     throw saveFailed(
         true, "run \"/var/packages/Postwell/target/scripts/DaemonConfSet.sh alias\"");
 }
@@ -133,14 +146,14 @@ MemberInfo checked(MemberInfo member, const AliasTable &aliases,
   return member;
 }
 
-void refuseCircle(const AliasTable &before, const AliasTable &after,
-                  const Accounts &accounts) {
-  const auto old = makeAliasMap(before, accounts).circles;
-  const auto now = makeAliasMap(after, accounts).circles;
+void refuseLoop(const AliasTable &before, const AliasTable &after,
+                const Accounts &accounts) {
+  const auto old = makeAliasMap(before, accounts).loops;
+  const auto now = makeAliasMap(after, accounts).loops;
   if (now.size() > old.size())
-    throw Failure(
-        kWrongUsage,
-        "refused, because mail would go round in a circle; nothing was changed");
+    throw Failure(kWrongUsage,
+                  "refused, because mail would go round in a circle, or along more\n"
+                  "aliases in a row than Postfix follows; nothing was changed");
 }
 
 // ---- the verbs
@@ -159,16 +172,12 @@ Values describe(const AliasTable::value_type &alias) {
 }
 
 Values describeAll() {
-  Alias file;
   Values all = Values::array();
-  for (const auto &alias : read(file)) all.push_back(describe(alias));
+  for (const auto &alias : readAll()) all.push_back(describe(alias));
   return all;
 }
 
-Values describeOne(const std::string &name) {
-  Alias file;
-  return describe(*get(read(file), name));
-}
+Values describeOne(const std::string &name) { return describe(*get(readAll(), name)); }
 
 void printMembers(const Values &alias, const char *separator) {
   const char *before = "";
@@ -188,8 +197,7 @@ void printAll(const Values &all) {
 }
 
 void add(const std::string &name, const Members &members) {
-  Alias file;
-  const AliasTable before = read(file);
+  const AliasTable before = readAll();
   const SystemAccounts accounts;
   const auto found = find(before, name);
   const std::string alias = found == before.end() ? name : found->first;
@@ -205,8 +213,8 @@ void add(const std::string &name, const Members &members) {
       added.push_back(member);
     }
   }
-  refuseCircle(before, after, accounts);
-  change(file, before, after, [&] { return file.addMember(alias, added); });
+  refuseLoop(before, after, accounts);
+  change(before, after, [&](Alias &file) { return file.addMember(alias, added); });
   std::cout << "Alias " << inQuotes(alias) << " has "
             << counted(after[alias].size(), "member") << "; Postfix follows.\n";
 }
@@ -233,11 +241,10 @@ Names takeOut(AliasTable *aliases, const Names &names) {
 }
 
 // `how` ends the sentence about an alias that was named.
-void deleteAll(Alias &file, const AliasTable &before, const Names &names,
-               const std::string &how) {
+void deleteAll(const AliasTable &before, const Names &names, const std::string &how) {
   AliasTable after = before;
   const Names gone = takeOut(&after, names);
-  change(file, before, after, [&] { return file.delAlias(gone); });
+  change(before, after, [&](Alias &file) { return file.delAlias(gone); });
   for (const std::string &name : gone) {
     const bool named = std::find(names.begin(), names.end(), name) != names.end();
     std::cout << "Alias " << inQuotes(name) << " is gone"
@@ -247,18 +254,16 @@ void deleteAll(Alias &file, const AliasTable &before, const Names &names,
 }
 
 void deleteNamed(const Names &names) {
-  Alias file;
-  const AliasTable before = read(file);
+  const AliasTable before = readAll();
   Names stored;
   for (const std::string &name : names) stored.push_back(get(before, name)->first);
   stored.sort();
   stored.unique();
-  deleteAll(file, before, stored, "");
+  deleteAll(before, stored, "");
 }
 
 void remove(const std::string &name, const Members &members) {
-  Alias file;
-  const AliasTable before = read(file);
+  const AliasTable before = readAll();
   const auto found = get(before, name);
   const std::string &alias = found->first;
   const Members &stored = found->second;
@@ -278,15 +283,14 @@ void remove(const std::string &name, const Members &members) {
     return holds(removed, member);
   };
   left.remove_if(isRemoved);
-  if (left.empty()) return deleteAll(file, before, {alias}, " with its last member");
-  change(file, before, after, [&] { return file.delMember(alias, removed); });
+  if (left.empty()) return deleteAll(before, {alias}, " with its last member");
+  change(before, after, [&](Alias &file) { return file.delMember(alias, removed); });
   std::cout << "Alias " << inQuotes(alias) << " has " << counted(left.size(), "member")
             << "; Postfix follows.\n";
 }
 
 void rename(const std::string &oldName, const std::string &newName) {
-  Alias file;
-  const AliasTable before = read(file);
+  const AliasTable before = readAll();
   const std::string old = get(before, oldName)->first;
   const auto other = find(before, newName);
   // another spelling of its own name is a new name
@@ -300,8 +304,8 @@ void rename(const std::string &oldName, const std::string &newName) {
   for (auto &[name, members] : after)
     for (MemberInfo &member : members)
       if (member.type == ALIAS && member.strName == old) member.strName = newName;
-  refuseCircle(before, after, SystemAccounts());
-  change(file, before, after, [&] { return file.changeAliasName(old, newName); });
+  refuseLoop(before, after, SystemAccounts());
+  change(before, after, [&](Alias &file) { return file.changeAliasName(old, newName); });
   std::cout << "Alias " << inQuotes(old) << " is " << inQuotes(newName)
             << " now; Postfix follows.\n";
 }

@@ -115,9 +115,9 @@ TEST(AliasMapText, ARootThatNobodyReadsIsToldWithTheRemedy) {
   const string remedy =
       "mail to root and postmaster cannot be delivered: name a reader with "
       "\"postwell alias add root --user NAME\"";
-  EXPECT_EQ(problemsOf({{"root", {user("gone")}}}),
-            (Names{leftOut("root", "gone", "there is no such user"), empty("root"),
-                   remedy}));
+  EXPECT_EQ(
+      problemsOf({{"root", {user("gone")}}}),
+      (Names{leftOut("root", "gone", "there is no such user"), empty("root"), remedy}));
   EXPECT_EQ(problemsOf({{"root", {user("gone")}}, {"postmaster", {user("amy")}}}),
             (Names{leftOut("root", "gone", "there is no such user"), empty("root")}));
   EXPECT_EQ(problemsOf({{"root", {user("amy")}}}), Names());
@@ -144,7 +144,7 @@ TEST(AliasMapText, NamesThatNeedQuotesHaveThem) {
       {"a;b", "\"a;b\""},     {"a(b)", "\"a(b)\""},
       {"<a>", "\"<a>\""},     {"[a]", "\"[a]\""},
       {"a/b", "\"a/b\""},     {"m\xc3\xbcller", "\"m\xc3\xbcller\""},
-      {"it's", "it's"},       {"100%", "100%"},
+      {"it's", "it's"},       {"100$", "100$"},
       {"a|b", "\"a|b\""},     {"'; drop", "\"'; drop\""}};
   for (const auto &[name, word] : quoted) {
     EXPECT_EQ(linesOf({{name, {user("amy")}}}), word + ": amy\n");
@@ -158,8 +158,9 @@ TEST(AliasMapText, NamesThatNeedQuotesHaveThem) {
 // Neither an alias nor a user nor an address of these names may enter the map, and the
 // rest of it must not suffer.
 const Names kHostile = {
-    "|cmd", "/file", ":include:/x", "\\amy", "-x", " a", "a ",          "a\nroot: |cmd",
-    "a\tb", "a\x7f", "b\xff",       "a@b",   "@",  "",   "\xed\xa0\x80"};
+    "|cmd",          "/file",  ":include:/x", "\\amy", "-x",  " a", "a ",
+    "a\nroot: |cmd", "a\tb",   "a\x7f",       "b\xff", "a@b", "@",  "",
+    "\xed\xa0\x80",  "50%off", "a!b"};
 
 TEST(AliasMapText, HostileNamesOfAliasesAreLeftOut) {
   Names names = kHostile;
@@ -256,7 +257,7 @@ void expectNoCircle(const string &text) {
 void expectCircles(const AliasTable &table, const string &text, const Names &circles) {
   const AliasMap map = makeAliasMap(table, Known());
   EXPECT_EQ(linesOf(table), text);
-  EXPECT_EQ(map.circles, circles);
+  EXPECT_EQ(map.loops, circles);
   expectNoCircle(map.text);
 }
 
@@ -317,21 +318,46 @@ constexpr int kMany = 20000;
 
 string numbered(int i) { return "a" + std::to_string(100000 + i); }
 
-TEST(AliasMapText, ALongChainAndALongCircle) {
+// Each alias a member of the one before; the last has a user.
+AliasTable chain(int length) {
   AliasTable table;
-  string text;
-  for (int i = 0; i < kMany; ++i) {
-    table[numbered(i)] = {alias(numbered(i + 1))};
-    text += numbered(i) + ": " + numbered(i + 1) + "\n";
-  }
-  table[numbered(kMany)] = {user("amy")};
-  text += numbered(kMany) + ": amy\n";
-  EXPECT_EQ(linesOf(table), text);
-  EXPECT_EQ(problemsOf(table), Names());
+  for (int i = 1; i < length; ++i) table[numbered(i)] = {alias(numbered(i + 1))};
+  table[numbered(length)] = {user("amy")};
+  return table;
+}
 
-  table[numbered(kMany)].push_back(alias(numbered(0)));
-  EXPECT_EQ(linesOf(table), text);
-  EXPECT_EQ(problemsOf(table), Names{leftOut(numbered(kMany), numbered(0), kCircle)});
+TEST(AliasMapText, TwentyAliasesInARow) {
+  string text;
+  for (int i = 1; i < 20; ++i) text += numbered(i) + ": " + numbered(i + 1) + "\n";
+  text += numbered(20) + ": amy\n";
+  EXPECT_EQ(linesOf(chain(20)), text);
+  EXPECT_EQ(problemsOf(chain(20)), Names());
+}
+
+TEST(AliasMapText, MoreInARowPostfixWouldNotFollow) {
+  AliasTable table = chain(21);
+  table[numbered(0)] = {alias(numbered(1)), user("bob")};
+  const AliasMap map = makeAliasMap(table, Known());
+  const Names loop{leftOut(numbered(1), numbered(2), "more than 20 aliases in a row")};
+  EXPECT_EQ(map.loops, loop);
+  EXPECT_EQ(map.problems,
+            (Names{loop[0], empty(numbered(1)),
+                   leftOut(numbered(0), numbered(1), "that alias is left out")}));
+  EXPECT_EQ(map.text.rfind(numbered(0) + ": bob\n" + numbered(2) + ": ", 0), 0u);
+}
+
+TEST(AliasMapText, TheLongestOfSeveralChainsCounts) {
+  AliasTable table = chain(20);
+  table["b"] = {alias(numbered(3)), alias(numbered(1)), alias(numbered(2))};
+  EXPECT_EQ(makeAliasMap(table, Known()).loops,
+            Names{leftOut("b", numbered(1), "more than 20 aliases in a row")});
+}
+
+TEST(AliasMapText, AChainAsLongAsTheTable) {
+  AliasTable table = chain(kMany);
+  EXPECT_EQ(problemsOf(table).size(), 2u * (kMany - 20));  // each with its member
+  table[numbered(kMany)].push_back(alias(numbered(1)));
+  EXPECT_EQ(problemsOf(table)[0], leftOut(numbered(kMany), numbered(1), kCircle));
 }
 
 TEST(AliasMapText, EveryAliasAMemberOfEveryOther) {
@@ -342,7 +368,7 @@ TEST(AliasMapText, EveryAliasAMemberOfEveryOther) {
       table[numbered(i)].push_back(alias(numbered(other)));
   }
   const AliasMap map = makeAliasMap(table, Known());
-  EXPECT_EQ(map.circles.size(), 12u * 13 / 2);
+  EXPECT_EQ(map.loops.size(), 12u * 13 / 2);
   expectNoCircle(map.text);
 }
 

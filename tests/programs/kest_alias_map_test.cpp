@@ -20,6 +20,7 @@ namespace {
 const std::string kFolder = "/var/packages/Postwell/target/etc/postfix";
 const std::string kMap = kFolder + "/aliases";
 const std::string kPostmapConfig = "/var/packages/Postwell/target/etc/postmap";
+const std::string kConfig = "compatibility_level = 3.6\nsmtputf8_enable = no\n";
 const std::string kDatabase = "/var/packages/Postwell/etc/alias.db";
 const std::string kDefaults = "postmaster: root\nMAILER-DAEMON: postmaster\n";
 
@@ -28,7 +29,7 @@ class AliasMap : public testing::Test {
   AliasMap() {
     useAccounts("local");
     EXPECT_EQ(mkdir(kPostmapConfig.c_str(), 0755), 0);
-    writePostfixConfig(kPostmapConfig, "compatibility_level = 3.6\n");
+    writePostfixConfig(kPostmapConfig, kConfig);
     writeAccounts();
     Alias aliases;  // the alias "root" of the new file is in nobody's way
     EXPECT_EQ(aliases.load(), 0);
@@ -134,11 +135,30 @@ TEST_F(AliasMap, UsersWithADomainAreFoundUnderEitherName) {
 
 TEST_F(AliasMap, NamesWithQuotesAreFoundByPostfix) {
   for (const char *name :
-       {"#x", "a b", "a\"b", "a\\b", "a:b", "a,b", "it's", "m\xc3\xbcller", "100%; a"}) {
+       {"#x", "a b", "a\"b", "a\\b", "a:b", "a,b", "it's", "m\xc3\xbcller", "100$; a"}) {
     store(name, USER, "CORP\\Eve");
     ASSERT_EQ(run().err, "");
     EXPECT_EQ(members(name), "\"CORP\\\\Eve\"\n") << name;
   }
+}
+
+// Capitals are told from small letters in ASCII alone, here as in Postfix.
+TEST_F(AliasMap, NamesInOtherLettersAreFoundAsTheyAreSpelt) {
+  const std::string small = "j\xc3\xb6rg", capital = "J\xc3\x96RG";
+  store(small, USER, "amy");
+  store(capital, USER, "bob");
+  store(
+      "stra\xc3\x9f"
+      "e",
+      USER, "amy");
+  store("strasse", USER, "bob");
+  ASSERT_EQ(run().err, "");
+  EXPECT_EQ(members(small), "amy\n");
+  EXPECT_EQ(members(capital), "bob\n");
+  EXPECT_EQ(members("stra\xc3\x9f"
+                    "e"),
+            "amy\n");
+  EXPECT_EQ(members("STRASSE"), "bob\n");
 }
 
 TEST_F(AliasMap, WhatIsLeftOutIsToldAndTheRestIsMade) {
@@ -283,7 +303,7 @@ TEST_F(AliasMap, APostaliasThatFails) {
                        "; the lines above tell why; the old map stays in force\n"),
       std::string::npos)
       << outcome.err;
-  writePostfixConfig(kPostmapConfig, "compatibility_level = 3.6\n");
+  writePostfixConfig(kPostmapConfig, kConfig);
   EXPECT_EQ(members("old"), "amy\n");
   EXPECT_EQ(members("new"), "");
 }

@@ -206,18 +206,20 @@ TEST_F(PostwellAlias, AMemberThatIsThereIsNotStoredTwice) {
 TEST_F(PostwellAlias, NamesThatTheFileCanCarry) {
   for (const std::string &name :
        {std::string("a b"), std::string("it's"), std::string("a\"b"),
-        std::string("100%;"), std::string("#x"), std::string("m\xc3\xbcller"),
+        std::string("100$;"), std::string("#x"), std::string("m\xc3\xbcller"),
         std::string(64, '\'')})
     EXPECT_EQ(run({"add", name, "--user", "amy"}).status, 0) << name;
   EXPECT_EQ(stored(),
-            (Rows{"a b|amy|0", "it's|amy|0", "a\"b|amy|0", "100%;|amy|0", "#x|amy|0",
+            (Rows{"a b|amy|0", "it's|amy|0", "a\"b|amy|0", "100$;|amy|0", "#x|amy|0",
                   "m\xc3\xbcller|amy|0", std::string(64, '\'') + "|amy|0"}));
 }
 
 TEST_F(PostwellAlias, NamesThatAreRefused) {
   const std::vector<std::pair<std::string, std::string>> names = {
       {"", "must not be empty, not \"\""},
-      {"a@b", "must not hold an @, not \"a@b\""},
+      {"a@b", "must not hold @, % or !, not \"a@b\""},
+      {"50%", "must not hold @, % or !, not \"50%\""},
+      {"a!b", "must not hold @, % or !, not \"a!b\""},
       {"|cmd", "must not begin with a character that makes it a command or a file"},
       {"/file", "must not begin with a character that makes it a command or a file"},
       {":include:/x", "must not begin with a character that makes it a command"},
@@ -263,7 +265,9 @@ TEST_F(PostwellAlias, GroupsMayBeEmptyOrHaveUsersWhoAreGone) {
 
 TEST_F(PostwellAlias, CirclesAreRefused) {
   const std::string message =
-      "refused, because mail would go round in a circle" + kUnchanged;
+      "refused, because mail would go round in a circle, or along more\naliases in a row "
+      "than Postfix follows" +
+      kUnchanged;
   store({"a|b|2", "b|amy|0", "d|carol|0", "x|y|2", "y|x|2"});  // x and y: an old one
   expectRefused({"add", "a", "--alias", "A"}, 2, message);
   expectRefused({"add", "b", "--alias", "a"}, 2, message);
@@ -275,6 +279,19 @@ TEST_F(PostwellAlias, CirclesAreRefused) {
       {"add", "amy", "--user", "amy", "--user", "bob"},
       "Alias \"amy\" has 2 members; Postfix follows.\n",
       {"a|b|2", "b|amy|0", "d|carol|0", "x|y|2", "y|x|2", "amy|amy|0", "amy|bob|0"});
+}
+
+TEST_F(PostwellAlias, AFileThatSomeoneElseIsReadingIsNotChanged) {
+  store({"team|amy|0"});
+  database::Connection reader(kDatabase);
+  ASSERT_EQ(reader.run("BEGIN; SELECT count(*) FROM alias_info_table;"), 0);
+  expectRefused({"add", "team", "--user", "bob"}, 1,
+                "the aliases are not as wanted. Run as root, and again if someone else\n"
+                "was changing them; the system log tells which step failed.\n");
+  ASSERT_EQ(reader.run("ROLLBACK;"), 0);
+  expectDone({"add", "team", "--user", "bob"},
+             "Alias \"team\" has 2 members; Postfix follows.\n",
+             {"team|amy|0", "team|bob|0"});
 }
 
 // ---- remove
@@ -424,9 +441,7 @@ TEST_F(PostwellAlias, AFileThatCannotBeWritten) {
     const Outcome outcome = run(words);
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.err.rfind(
-                  "postwell: saving failed and the settings are not as wanted.\n", 0),
-              0u)
+    EXPECT_EQ(outcome.err.rfind("postwell: the aliases are not as wanted. ", 0), 0u)
         << outcome.err;
   }
   EXPECT_EQ(run({"list"}).out, "a: user amy\n");

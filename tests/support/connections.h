@@ -9,6 +9,9 @@ namespace connections {
 // How many are open.
 int left();
 
+// Makes the next close fail with code 5, as one with a statement unfinished does.
+void failClose();
+
 // Closes them, those of live handles, too.
 void closeLeft();
 

@@ -6,6 +6,7 @@
 #include <array>
 #include <functional>
 
+#include "support/connections.h"
 #include "support/database.h"
 #include "support/files.h"
 #include "support/library_test.h"
@@ -84,6 +85,12 @@ TEST_F(AliasTest, WithoutSettingsTheObjectIsUnusable) {
   expectLog({"smtp.cpp: KLIBCFileGetPair fail", "alias.cpp: smtp setting load fail"});
 }
 
+TEST_F(AliasTest, ARelayPasswordThatIsLostMakesTheObjectUnusable) {
+  platform::failCall("KLIBCryptSzDecrypt");
+  EXPECT_EQ(Alias().getError(), -1);
+  expectLog({"smtp.cpp: KLIBCryptSzDecrypt fail", "alias.cpp: smtp setting load fail"});
+}
+
 TEST_F(AliasTest, AnUnknownAccountTypeHasNoAliases) {
   for (const std::string type : {"Local", "nis", "win "}) {
     writeFile(PackageTree::kSettings, "account_type=\"" + type + "\"\n");
@@ -124,7 +131,10 @@ TEST_F(AliasTest, QuotesInDomainNamesAreQuoted) {
             Rows{"root|admin@o'hara;%q|0"});
   EXPECT_EQ(freshRows("account_type=\"win\"\nwin_domain_short_name=\"O'H\"\n"),
             Rows{"root|O'H\\Administrator|0"});
-  expectLog({kMissing, kMissing});
+  const std::string quotes(255, '\'');  // twice as many in the schema
+  EXPECT_EQ(freshRows("account_type=\"win\"\nwin_domain_short_name=\"" + quotes + "\"\n"),
+            Rows{"root|" + quotes + "\\Administrator|0"});
+  expectLog({kMissing, kMissing, kMissing});
 }
 
 TEST_F(AliasTest, LdapSettingsThatCannotBeReadAgainGiveNoSchema) {
@@ -218,6 +228,17 @@ TEST_F(AliasTest, SaveClosesTheFileAndPublishes) {
   EXPECT_EQ(aliases.loadMember("root", members), -1);  // closed
   EXPECT_EQ(aliases.load(), 0);
   EXPECT_EQ(aliases.loadMember("root", members), 0);
+}
+
+TEST_F(AliasTest, SaveThatCannotCloseTheFileDoesNotPublish) {
+  Alias aliases;
+  ASSERT_EQ(aliases.load(), 0);
+  connections::failClose();
+  EXPECT_EQ(aliases.save(), -1);
+  expectLog({kMissing, "DBHandler.cpp: Failed to close sqlite3, ret = [5]",
+             "alias.cpp: Fail to save"});
+  EXPECT_EQ(tree.takeCalls(), Rows());
+  EXPECT_EQ(aliases.save(), 0);
 }
 
 TEST_F(AliasTest, SaveFailsWithTheScript) {
@@ -421,6 +442,22 @@ TEST_F(AliasChangeTest, ANameOfAThousandCharactersIsReadButDoesNotFitAChange) {
   expectLog(
       {"DBHandler.cpp: sqlite3_exec fail, err=[1], near \"statement\": syntax error",
        kStillInTransaction});
+}
+
+TEST_F(AliasChangeTest, AStatementOf1023BytesIsTheLongest) {
+  // One row more for a name of this length, or the text that stands for a longer one.
+  const auto statementFor = [this](size_t length, int result) {
+    sql::takeStatements();
+    EXPECT_EQ(aliases.addMember(std::string(length, 'n'), {member("x", USER)}), result);
+    const Rows run = sql::takeStatements();
+    return run.size() < 2 ? "" : run[1];
+  };
+  const size_t others = statementFor(1, 0).size() - 1;
+  EXPECT_EQ(statementFor(1023 - others, 0).size(), 1023u);
+  EXPECT_EQ(statementFor(1024 - others, -1), "statement too long");
+  EXPECT_EQ(aliases.save(), 0);
+  log.take();
+  EXPECT_EQ(aliasRows().size(), 8u);
 }
 
 // A statement has room for 1023 bytes. Cut behind a name it might still be valid and

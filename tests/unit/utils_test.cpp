@@ -15,6 +15,7 @@
 #include "alias.h"
 #include "platform/children.h"
 #include "postwell.h"
+#include "support/database.h"
 #include "support/files.h"
 #include "support/library_test.h"
 
@@ -31,6 +32,7 @@ const std::string kAliasDB = "/var/packages/Postwell/etc/alias.db";
 // The system calls that the library makes, as the test wants them.
 std::vector<unsigned> slept;          // the seconds of each sleep()
 std::function<void()> whileSleeping;  // happens in the sleep's place
+std::vector<pid_t> killed;            // who was sent a signal
 bool daemonFails = false;
 std::function<int(struct sysinfo *)> machine;  // the real one when empty
 
@@ -38,6 +40,7 @@ class UtilsTest : public LibraryTest {
  protected:
   UtilsTest() {
     slept.clear();
+    killed.clear();
     whileSleeping = nullptr;
     daemonFails = false;
     machine = nullptr;
@@ -104,6 +107,12 @@ TEST_F(SectionTest, LinesAreAppendedToTheList) {
   EXPECT_EQ(GetSectionContent(kFile.c_str(), "wanted", lines), 0);
   EXPECT_EQ(GetSectionContent(kFile.c_str(), "wanted", lines), 0);
   EXPECT_EQ(lines, (Lines{"a", "b", "b"}));
+}
+
+TEST_F(SectionTest, TheFileIsClosedAgain) {
+  const int before = database::descriptorsOf(kFile);
+  EXPECT_EQ(read("[wanted]\na\n"), Lines{"a"});
+  EXPECT_EQ(database::descriptorsOf(kFile), before);
 }
 
 TEST_F(SectionTest, LinesMayBeLong) {
@@ -272,6 +281,13 @@ TEST_F(ProcessTest, WithoutAnInstanceNothingIsEndedOrAwaited) {
     EXPECT_EQ(readFile(kPidFile), ownPid());
   }
   EXPECT_EQ(slept, kNever);
+}
+
+TEST_F(ProcessTest, TheLowestProcessNumberIsOne) {
+  writeFile(kPidFile, "1\n");
+  EXPECT_EQ(ProcessEnvInit(kPidFile.c_str(), true, false), 0);
+  EXPECT_EQ(killed, std::vector<pid_t>{1});
+  EXPECT_EQ(slept, kOnce);
 }
 
 TEST_F(ProcessTest, ThePidFileIsANewOne) {
@@ -495,6 +511,13 @@ TEST_F(ValidMapTest, WhenTheUsersCannotBeListedItIsEmpty) {
   expectLog({"utils.cpp: fail to enum local user"});
 }
 
+TEST_F(ValidMapTest, AMachineWithoutUsersHasAliases) {
+  addAlias("sales");
+  log.take();
+  platform::answerCall("KESTUserEnum", 0);
+  EXPECT_EQ(GetValidMap(), (ValidMap{{"root", true}, {"sales", true}}));
+}
+
 TEST_F(ValidMapTest, WithoutSettingsThereAreNoAliases) {
   unlink(PackageTree::kSettings);
   EXPECT_EQ(GetValidMap(), localUsers());
@@ -518,6 +541,13 @@ REPLACED unsigned sleep(unsigned seconds) {
   slept.push_back(seconds);
   if (whileSleeping) whileSleeping();
   return 0;
+}
+
+// The first process is not this test's to end.
+REPLACED int kill(pid_t process, int signal) noexcept {
+  killed.push_back(process);
+  if (process == 1) return 0;
+  return reinterpret_cast<int (*)(pid_t, int)>(dlsym(RTLD_NEXT, "kill"))(process, signal);
 }
 
 REPLACED int daemon(int noChdir, int noClose) {

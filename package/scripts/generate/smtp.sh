@@ -5,6 +5,11 @@
 # passed a check that lets none through; only the always-BCC address may hold
 # one, and doubles it.
 #
+# A "%" or "!" in a name is a part of it and does not route mail to another machine.
+# SMTPUTF8 is not offered, as Dovecot does not take such mail: it would bounce. Without
+# it capitals are told from small letters as our own tables do, in ASCII alone; mail to
+# names with other letters is delivered all the same.
+#
 # shellcheck disable=SC2153,SC2154  # common.sh sets what is read here
 
 checkSettings() {
@@ -92,6 +97,9 @@ inet_protocols = all
 mydestination = \$myhostname, localhost$domains
 mynetworks = $(trustedNetworks)
 recipient_delimiter = +
+allow_percent_hack = no
+swap_bangpath = no
+smtputf8_enable = no
 biff = no
 append_dot_mydomain = no
 enable_long_queue_ids = yes
@@ -197,6 +205,7 @@ ensureMap() {
   local message
   [[ ! -e $POSTFIX/$1.lmdb ]] || return 0
   message=$("$T/bin/$2" 2>&1) || fail "cannot make the table $1: $(reason "$message")"
+  [[ -z $message ]] || printf '%s\n' "$message" >&2  # what had to be left out
 }
 
 # Postfix's programs wait while main.cf looks as if someone were still writing it.

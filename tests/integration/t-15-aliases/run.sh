@@ -52,6 +52,40 @@ mailTo alice
 reached alice
 reached bob
 
+step "twenty aliases in a row, and a user who forwards at the end"
+expect postwell alias add row20 --user carol
+for ((i = 19; i >= 1; i--)); do expect postwell alias add "row$i" --alias "row$((i + 1))"; done
+install -o dave -g dave -m 644 <(echo "bob@$DOMAIN") /var/services/homes/dave/.forward
+expect postwell alias add row20 --user dave
+mailTo row1
+reached carol
+reached bob
+run postwell alias add row0 --alias row1
+expect equal "$status" 2
+expect contains "$err" "than Postfix follows"
+
+step "names in other letters, twins but for a capital"
+expect postwell alias add jörg --user carol
+expect postwell alias add JÖRG --user bob
+mailTo jörg
+reached carol
+refute inMailbox bob "$word"
+mailTo JÖRG
+reached bob
+refute inMailbox carol "$word"
+
+step "a percent sign or an exclamation mark sends nothing elsewhere"
+for name in '50%off' 'a!b'; do
+  run postwell alias add "$name" --user alice
+  expect equal "$status" 2
+  refute send --to "$name@$DOMAIN"
+  expect contains "$out" "550 5.1.1"
+done
+# unlike that of strangers, mail from here may try; it goes round no other machine
+word=$(token)
+sendmail -C "$POSTFIX" -f alice 'nobody%outside.example' <<<"Subject: $word"
+waitFor mailLogged "to=<nobody%outside.example@$DOMAIN>.*status=bounced"
+
 step "postmaster always has an address"
 expect send --to "postmaster@$DOMAIN"
 
