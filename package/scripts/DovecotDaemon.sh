@@ -57,19 +57,4 @@ reload() {
     fail "Dovecot does not reload: $(reason "$said")"
 }
 
-verbs='start|stop|restart|reload|status'
-[[ $# -eq 1 ]] || usage "$verbs"
-case $1 in
-  start | stop)
-    lock dovecot
-    "$1"
-    ;;
-  restart)
-    lock dovecot
-    stop
-    start
-    ;;
-  reload) if running; then lock dovecot && reload; fi ;;
-  status) running || exit 3 ;;
-  *) usage "$verbs" ;;
-esac
+serviceVerb dovecot "$@"

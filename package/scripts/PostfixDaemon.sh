@@ -49,19 +49,4 @@ reload() {
   startQuietly postfix -c "$POSTFIX" reload || fail "Postfix does not reload: $(reason "$said")"
 }
 
-verbs='start|stop|restart|reload|status'
-[[ $# -eq 1 ]] || usage "$verbs"
-case $1 in
-  start | stop)
-    lock postfix
-    "$1"
-    ;;
-  restart)
-    lock postfix
-    stop
-    start
-    ;;
-  reload) if running; then lock postfix && reload; fi ;;
-  status) running || exit 3 ;;
-  *) usage "$verbs" ;;
-esac
+serviceVerb postfix "$@"

@@ -240,6 +240,33 @@ stopDaemon() {
 # listening PORT: something on this machine accepts connections there.
 listening() { [[ -n $(ss -Hltn "sport = :$1") ]]; }
 
+# serviceVerb NAME VERB: what a service script does with its argument, by its functions
+# start, stop, running and, where the daemon can, reload; one at a time under the lock
+# NAME.
+serviceVerb() {
+  local name=$1 verbs='start|stop|restart|status'
+  shift
+  if declare -F reload >/dev/null; then verbs='start|stop|restart|reload|status'; fi
+  [[ $# -eq 1 ]] || usage "$verbs"
+  case $1 in
+    start | stop)
+      lock "$name"
+      "$1"
+      ;;
+    restart)
+      lock "$name"
+      stop
+      start
+      ;;
+    status) running || exit 3 ;;
+    reload)
+      [[ $verbs == *reload* ]] || usage "$verbs"
+      if running; then lock "$name" && reload; fi
+      ;;
+    *) usage "$verbs" ;;
+  esac
+}
+
 # startQuietly COMMAND...: runs what becomes a daemon so that it holds neither
 # the caller's descriptors nor the lock. What it says is in $said.
 startQuietly() {
