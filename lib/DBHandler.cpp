@@ -18,6 +18,7 @@
 
 #include "internal/log.h"
 #include "internal/text.h"
+#include "internal/write_ahead.h"
 #include "kestcore.h"
 
 namespace {
@@ -41,6 +42,8 @@ bool makeFile(const std::string &path) {
   const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
   if (fd < 0) return false;
   close(fd);  // before SQLite opens it: closing later would drop SQLite's locks
+  // of a file that was moved or removed while others had it open, who keep it
+  internal::removeWriteAheadLog(path);
   return true;
 }
 

@@ -10,6 +10,11 @@ constexpr char kSettings[] = "/var/packages/Postwell/etc/postwell.conf";
 
 constexpr char kAliasDB[] = "/var/packages/Postwell/etc/alias.db";
 
+constexpr char kMailLogFolder[] = "/var/packages/Postwell/target/etc/maillog/";
+constexpr char kMailLogDB[] = "/var/packages/Postwell/target/etc/maillog/maillog.db";
+constexpr char kStatisticDB[] = "/var/packages/Postwell/etc/log_statistic.db";
+constexpr char kMailLogSocket[] = "/var/run/maillog.sock";
+
 // Read by the host's firewall.
 constexpr char kPorts[] = "/usr/local/etc/services.d/postwell_port";
 constexpr char kSambaConfig[] = "/usr/kest/etc/smb.conf";

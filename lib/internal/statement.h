@@ -6,6 +6,7 @@
 #include <sqlite3.h>
 
 #include <cstdarg>
+#include <cstdint>
 
 namespace internal {
 
@@ -60,6 +61,12 @@ class Statement {
   }
   int integer(int column) const noexcept {
     return sqlite3_column_int(_statement, column);
+  }
+  int64_t integer64(int column) const noexcept {
+    return sqlite3_column_int64(_statement, column);
+  }
+  double real(int column) const noexcept {
+    return sqlite3_column_double(_statement, column);
   }
 
  private:

@@ -4,14 +4,19 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstring>
+#include <ctime>
 #include <list>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "DBHandler.h"
 #include "alias.h"
 #include "domain.h"
+#include "maillog.h"
+#include "maillogger.h"
 #include "receive_protocol.h"
 #include "smtp.h"
 #include "support/files.h"
@@ -71,6 +76,67 @@ struct AliasFields {
   std::list<std::string> aliasList;
 };
 
+struct MailLogInfoFields {
+  std::string messageID;
+  std::string queueID;
+  time_t logTime;
+  tm date;
+  long mailSize;
+  int status;
+  std::string mailTo;
+  std::string mailFrom;
+};
+
+struct CountFields {
+  std::map<MailStatus, uint32_t> quantity;
+  std::map<MailStatus, uint32_t> bandwidth;
+};
+
+struct MailLoggerFields {
+  int logCacheTime;
+  int logRotateThreshold;
+  int totalLogNum;
+  time_t lastFlushTime;
+  time_t lastCountTime;
+  time_t lastUpdateTime;
+  int err;
+  int logFd;
+  std::list<MailLogInfo> cachedLogList;
+  DBHandler *mailLogDB;
+  DBHandler *logCountDB;
+  std::map<long, Count> counterSecond;
+  std::map<long, Count> counterHour;
+  std::map<long, Count> counterDay;
+};
+
+struct LogFilterFields {
+  std::string select;
+  int start;
+  int limit;
+  std::string orderDir;
+  std::string orderType;
+  std::string messageID;
+  std::string mailTo;
+  std::string mailFrom;
+  std::string sizeOpt;
+  long mailSize;
+  int status;
+  time_t dateFrom;
+  time_t dateTo;
+};
+
+struct StatisticFields {
+  std::vector<uint64_t> inbound;
+  std::vector<uint64_t> outbound;
+  std::vector<uint64_t> bounce;
+};
+
+struct MailLogFields {
+  DBHandler *mailLogDB;
+  DBHandler *statisticDB;
+  int error;
+};
+
 struct DomainFields {
   std::list<std::string> domainList;
 };
@@ -84,7 +150,43 @@ static_assert(sizeof(DBHandler) == sizeof(DBHandlerFields));
 static_assert(sizeof(MemberInfo) == sizeof(MemberInfoFields));
 static_assert(sizeof(Alias) == sizeof(AliasFields));
 static_assert(sizeof(Domain) == sizeof(DomainFields));
+static_assert(sizeof(MailLogInfo) == sizeof(MailLogInfoFields));
+static_assert(sizeof(Count) == sizeof(CountFields));
+static_assert(sizeof(MailLogger) == sizeof(MailLoggerFields));
+static_assert(sizeof(LogFilter) == sizeof(LogFilterFields));
+static_assert(offsetof(LogFilter, start) == offsetof(LogFilterFields, start));
+static_assert(offsetof(LogFilter, limit) == offsetof(LogFilterFields, limit));
+static_assert(offsetof(LogFilter, orderDir) == offsetof(LogFilterFields, orderDir));
+static_assert(offsetof(LogFilter, orderType) == offsetof(LogFilterFields, orderType));
+static_assert(offsetof(LogFilter, messageID) == offsetof(LogFilterFields, messageID));
+static_assert(offsetof(LogFilter, mailTo) == offsetof(LogFilterFields, mailTo));
+static_assert(offsetof(LogFilter, mailFrom) == offsetof(LogFilterFields, mailFrom));
+static_assert(offsetof(LogFilter, sizeOpt) == offsetof(LogFilterFields, sizeOpt));
+static_assert(offsetof(LogFilter, mailSize) == offsetof(LogFilterFields, mailSize));
+static_assert(offsetof(LogFilter, status) == offsetof(LogFilterFields, status));
+static_assert(offsetof(LogFilter, dateFrom) == offsetof(LogFilterFields, dateFrom));
+static_assert(offsetof(LogFilter, dateTo) == offsetof(LogFilterFields, dateTo));
+static_assert(sizeof(Statistic) == sizeof(StatisticFields));
+static_assert(sizeof(MailLog) == sizeof(MailLogFields));
+static_assert(sizeof(TimeScale) == sizeof(int));
+static_assert(DAY == 24 && WEEK == 7 && MONTH == 30 && HALF_YEAR == 6);
+static_assert(COLUMN_MESSAGE_ID == 0 && COLUMN_QUEUE_ID == 1 && COLUMN_DATE == 2);
+static_assert(COLUMN_MAIL_FROM == 3 && COLUMN_MAIL_TO == 4 && COLUMN_SIZE == 5);
+static_assert(COLUMN_STATUS == 6);
 static_assert(sizeof(Protocol) == sizeof(int));
+static_assert(sizeof(MailStatus) == sizeof(int));
+static_assert(sizeof(LOG_STATUS) == sizeof(int));
+static_assert(sizeof(CountInterval) == sizeof(int));
+
+// The record on its way through the socket is the same on every machine.
+static_assert(sizeof(LogSocket) == 1292);
+static_assert(offsetof(LogSocket, log_time) == 0);
+static_assert(offsetof(LogSocket, szQueueID) == 4);
+static_assert(offsetof(LogSocket, szMessageID) == 260);
+static_assert(offsetof(LogSocket, szMailFrom) == 772);
+static_assert(offsetof(LogSocket, szMailTo) == 1028);
+static_assert(offsetof(LogSocket, mail_size) == 1284);
+static_assert(offsetof(LogSocket, status) == 1288);
 static_assert(sizeof(MemberType) == sizeof(int));
 
 const SMTPFields &fieldsOf(const SMTP &smtp) {
@@ -101,6 +203,9 @@ TEST(Layout, SizesAreKnown) {
     EXPECT_EQ(sizeof(MemberInfo), 40u);
     EXPECT_EQ(sizeof(Alias), 40u);
     EXPECT_EQ(sizeof(Domain), 24u);
+    EXPECT_EQ(sizeof(MailLogInfo), 208u);
+    EXPECT_EQ(sizeof(Count), 96u);
+    EXPECT_EQ(sizeof(MailLogger), 232u);
   } else {
     EXPECT_EQ(sizeof(Relay), 84u);
     EXPECT_EQ(sizeof(SMTP), 180u);
@@ -110,6 +215,9 @@ TEST(Layout, SizesAreKnown) {
     EXPECT_EQ(sizeof(MemberInfo), 28u);
     EXPECT_EQ(sizeof(Alias), 20u);
     EXPECT_EQ(sizeof(Domain), 12u);
+    EXPECT_EQ(sizeof(MailLogInfo), 152u);
+    EXPECT_EQ(sizeof(Count), 48u);
+    EXPECT_EQ(sizeof(MailLogger), 124u);
   }
 }
 
@@ -220,6 +328,84 @@ TEST(Layout, DomainIsItsList) {
   domains.addDomain("a.example");
   EXPECT_EQ(reinterpret_cast<const DomainFields &>(domains).domainList,
             std::list<std::string>{"a.example"});
+}
+
+TEST(Layout, EveryMailLogInfoFieldStandsAtItsPlace) {
+  MailLogInfo entry;
+  const auto &fields = reinterpret_cast<const MailLogInfoFields &>(entry);
+  entry.strMessageID = "id";
+  EXPECT_EQ(fields.messageID, "id");
+  entry.strQueueID = "queue";
+  EXPECT_EQ(fields.queueID, "queue");
+  entry.log_time = 1700000015;
+  EXPECT_EQ(fields.logTime, 1700000015);
+  entry.date.tm_year = 123;
+  EXPECT_EQ(fields.date.tm_year, 123);
+  entry.mailSize = 27;
+  EXPECT_EQ(fields.mailSize, 27);
+  entry.status = STATUS_BOUNCE;
+  EXPECT_EQ(fields.status, 2);
+  entry.strMailTo = "to";
+  EXPECT_EQ(fields.mailTo, "to");
+  entry.strMailFrom = "from";
+  EXPECT_EQ(fields.mailFrom, "from");
+}
+
+TEST(Layout, CountIsQuantityAndBandwidth) {
+  Count count;
+  const auto &fields = reinterpret_cast<const CountFields &>(count);
+  count.quantity[STATUS_RESENT] = 3;
+  count.bandwidth[STATUS_SENT] = 4;
+  EXPECT_EQ(fields.quantity.at(STATUS_RESENT), 3u);
+  EXPECT_EQ(fields.bandwidth.at(STATUS_SENT), 4u);
+}
+
+TEST(Layout, StatisticIsItsThreeSeries) {
+  Statistic traffic;
+  traffic.inbound = {1};
+  traffic.outbound = {2, 2};
+  traffic.bounce = {3, 3, 3};
+  const auto &fields = reinterpret_cast<const StatisticFields &>(traffic);
+  EXPECT_EQ(fields.inbound.size(), 1u);
+  EXPECT_EQ(fields.outbound.size(), 2u);
+  EXPECT_EQ(fields.bounce.size(), 3u);
+}
+
+TEST(Layout, EveryMailLogFieldStandsAtItsPlace) {
+  const MailLog reader("/nowhere/maillog.db");
+  const auto &fields = reinterpret_cast<const MailLogFields &>(reader);
+  ASSERT_NE(fields.mailLogDB, nullptr);
+  ASSERT_NE(fields.statisticDB, nullptr);
+  EXPECT_NE(fields.mailLogDB->getErrCode(), -1);  // it was tried, the other one was not
+  EXPECT_EQ(fields.statisticDB->getErrCode(), -1);
+  EXPECT_EQ(fields.error, -1);
+}
+
+TEST(Layout, EveryMailLoggerFieldStandsAtItsPlace) {
+  MailLogger logger(26, 27);
+  const auto &fields = reinterpret_cast<const MailLoggerFields &>(logger);
+  EXPECT_EQ(fields.logCacheTime, 26);
+  EXPECT_EQ(fields.logRotateThreshold, 27);
+  EXPECT_EQ(fields.totalLogNum, 0);
+  const time_t now = time(nullptr);
+  for (const time_t taken :
+       {fields.lastFlushTime, fields.lastCountTime, fields.lastUpdateTime})
+    EXPECT_LE(now - taken, 60);
+  EXPECT_EQ(fields.err, 0);
+  EXPECT_GT(fields.logFd, 2);
+  EXPECT_EQ(fields.cachedLogList.size(), 0u);
+  LogSocket record{};
+  record.log_time = 90;
+  record.status = STATUS_BOUNCE;
+  logger.cacheLog(record);
+  EXPECT_EQ(fields.cachedLogList.size(), 1u);
+  EXPECT_NE(fields.mailLogDB, nullptr);
+  EXPECT_EQ(fields.mailLogDB->getErrCode(), 0);
+  EXPECT_EQ(fields.logCountDB->getErrCode(), 0);
+  EXPECT_EQ(fields.counterSecond.at(90).quantity.at(STATUS_BOUNCE), 1u);
+  EXPECT_EQ(fields.counterHour.count(0), 1u);
+  EXPECT_EQ(fields.counterDay.count(0), 1u);
+  EXPECT_EQ(fields.counterSecond.count(0), 0u);
 }
 
 }  // namespace

@@ -33,9 +33,9 @@ expect() { "$@" || die "expected: $*"; }
 refute() { if "$@"; then die "not expected: $*"; fi; }
 
 # waitFor COMMAND...: until it succeeds; the end of the scenario when it does not
-# within 10 seconds.
+# within 20 seconds.
 waitFor() {
-  local end=$((SECONDS + 10))
+  local end=$((SECONDS + 20))
   until "$@" 2>/dev/null; do
     ((SECONDS < end)) || die "waited in vain: $*"
     sleep 0.05
@@ -137,4 +137,22 @@ refused() {
   contains "$err" "$text" || die "the message is: $err"
   waitFor logged "postwell: $err"
   expect grep -qE "^<19>.*postwell: " <(grep -F -- "$err" "$SYSLOG")
+}
+
+# ---- The mail log --------------------------------------------------------------------
+
+mailLogHas() { (($(mailLogRows rowid | wc -l) >= $1)); }
+
+# mailLogRows COLUMNS: those of all rows of the mail log that is being written, in the
+# order in which they were, blanks between them.
+mailLogRows() { sqlRows "$T/etc/maillog/maillog.db" "SELECT $1 FROM mail_log_table ORDER BY rowid"; }
+
+# sqlRows FILE QUERY
+sqlRows() {
+  python3 - "$1" "$2" <<'EOP'
+import sqlite3, sys
+db = sqlite3.connect(f"file:{sys.argv[1]}?mode=ro", uri=True, timeout=10)
+for row in db.execute(sys.argv[2]):
+    print(*row)
+EOP
 }

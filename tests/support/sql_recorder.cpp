@@ -8,11 +8,18 @@
 namespace {
 
 std::vector<std::string> statements;
-bool inExec = false;  // which prepares its statements by the other function
+bool inSQLite = false;  // which runs statements of its own by the same functions
 
-template <typename Function>
-Function *real(Function * /*declared*/, const char *name) {
-  return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+// What SQLite calls while `function` runs is its own affair.
+template <typename Function, typename... Arguments>
+int forward(Function * /*declared*/, const char *name, sqlite3 *db, const char *text,
+            Arguments... arguments) {
+  if (!inSQLite) statements.emplace_back(text);
+  const bool nested = std::exchange(inSQLite, true);
+  const auto function = reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+  const int code = function(db, text, arguments...);
+  inSQLite = nested;
+  return code;
 }
 
 }  // namespace
@@ -24,16 +31,11 @@ std::vector<std::string> sql::takeStatements() { return std::exchange(statements
 REPLACED int sqlite3_exec(sqlite3 *db, const char *text,
                           int (*callback)(void *, int, char **, char **), void *argument,
                           char **message) {
-  statements.emplace_back(text);
-  inExec = true;
-  const int code =
-      real(&sqlite3_exec, "sqlite3_exec")(db, text, callback, argument, message);
-  inExec = false;
-  return code;
+  return forward(&sqlite3_exec, "sqlite3_exec", db, text, callback, argument, message);
 }
 
 REPLACED int sqlite3_prepare_v2(sqlite3 *db, const char *text, int size,
                                 sqlite3_stmt **statement, const char **rest) {
-  if (!inExec) statements.emplace_back(text);
-  return real(&sqlite3_prepare_v2, "sqlite3_prepare_v2")(db, text, size, statement, rest);
+  return forward(&sqlite3_prepare_v2, "sqlite3_prepare_v2", db, text, size, statement,
+                 rest);
 }

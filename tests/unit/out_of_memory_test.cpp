@@ -6,14 +6,17 @@
 
 #include <functional>
 #include <regex>
+#include <vector>
 
 #include "DBHandler.h"
 #include "alias.h"
 #include "domain.h"
+#include "maillog.h"
 #include "postwell.h"
 #include "receive_protocol.h"
 #include "smtp.h"
 #include "support/allocation_faults.h"
+#include "support/database.h"
 #include "support/files.h"
 #include "support/package_tree.h"
 #include "support/syslog_reader.h"
@@ -204,6 +207,61 @@ TEST_F(OutOfMemoryTest, AliasStoresWhatItAcknowledgesAndNeverThrows) {
   for (const auto &change : changes) EXPECT_GT(sweep(change), 1);
   EXPECT_EQ(aliases.loadMember("shop", members), 0);
   EXPECT_EQ(members.size(), 0u);
+}
+
+TEST_F(OutOfMemoryTest, MailLogLoadsWholeEntriesAndNeverThrows) {
+  const std::string path = "/var/packages/Postwell/target/etc/maillog/maillog.db";
+  ASSERT_EQ(MailLog(path.c_str()).error(), 0);  // makes the files
+  EXPECT_GT(sweep([&path] { return MailLog(path.c_str()).error(); }), 3);
+  MailLog reader(path.c_str());
+  LogFilter filter;
+  filter.select = "*";
+  filter.start = 0;
+  filter.limit = -1;
+  filter.orderType = "date";
+  filter.sizeOpt = "any";
+  filter.messageID = filter.mailTo = filter.mailFrom = kLong;
+  filter.status = -1;
+  filter.dateFrom = filter.dateTo = 0;
+  std::string key = kLong;
+  ASSERT_EQ(database::Connection(path).run(
+                "with recursive n(i) as (select 1 union select i + 1 from n where i < 9) "
+                "insert into mail_log_table select '" +
+                kLong + "', 'q', i, '" + kLong + "', '" + kLong + "', 7, 1 from n;"),
+            0);
+  const std::function<int(std::vector<MailLogInfo> &)> loads[] = {
+      [&](auto &rows) { return reader.load(filter, rows); },
+      [&](auto &rows) { return reader.load(-1, 0, "date", "", rows); },
+      [&](auto &rows) { return reader.search(100, 0, "date", "", key, rows); }};
+  for (const auto &load : loads)
+    EXPECT_GT(sweep([&load] {
+                std::vector<MailLogInfo> rows;
+                const int result = load(rows);
+                if (result == 0) {
+                  EXPECT_EQ(rows.size(), 9u);
+                }
+                for (const MailLogInfo &entry : rows) {
+                  EXPECT_EQ(entry.strMailTo.size(), kLong.size());
+                  EXPECT_EQ(entry.mailSize, 7);
+                }
+                return result;
+              }),
+              20);
+  EXPECT_GT(sweep([&] { return reader.getLogNum(key) == 9 ? 0 : -1; }), 0);
+  EXPECT_GT(sweep([&] { return reader.composeCmd(filter).empty() ? -1 : 0; }), 3);
+  filter.select = "count(*)";
+  EXPECT_GT(sweep([&] { return reader.getLogNum(filter) == 9 ? 0 : -1; }), 3);
+  Statistic traffic;
+  EXPECT_GT(sweep([&] { return reader.getQuantityStatistic(traffic, 1400000000, DAY); }),
+            3);
+  EXPECT_GT(sweep([&] { return reader.clear(); }), 3);
+  EXPECT_EQ(reader.getLogNum(), 0);
+  for (const LogLine &line : log.take())
+    EXPECT_TRUE(line.text.find("Out of memory") != std::string::npos ||
+                line.text.find("isn't exist") != std::string::npos ||
+                line.text.find("Open database fail") != std::string::npos ||
+                line.text.find("Create DB fail") != std::string::npos)
+        << line.text;
 }
 
 TEST_F(OutOfMemoryTest, HelpersGiveEmptyResultsAndNeverThrow) {
