@@ -15,9 +15,9 @@ struct AliasMap {
 };
 
 // The map of these aliases. A member that does not exist, that the format cannot carry
-// safely, or that would make a circle or too long a chain is left out and told; an alias without a member
-// left is left out too. Names that differ in case alone are one alias, as they are to
-// Postfix. "postmaster" and "MAILER-DAEMON" are always there.
+// safely, or that would make a circle or too long a chain is left out and told; an alias
+// without a member left is left out too. Names that differ in case alone are one alias,
+// as they are to Postfix. "postmaster" and "MAILER-DAEMON" are always there.
 //
 // A user of the same name as an alias is that alias, as it is to Postfix, but for the
 // alias itself: "bob: bob, eve" delivers to bob's mailbox as well.

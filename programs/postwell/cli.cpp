@@ -31,6 +31,7 @@ int run(int argc, const char *const *argv) {
   addProtocol(app);
   addAlias(app);
   addDomain(app);
+  addLog(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {

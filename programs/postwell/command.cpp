@@ -25,9 +25,10 @@ void printLines(const Values &values) {
     std::cout << std::left << std::setw(kColumn) << key << forTerminal(value) << '\n';
 }
 
-void printJson(const Values &values) {
+// `indent` -1: on one line.
+std::string asJson(const Values &values, int indent) {
   constexpr bool kAsciiOnly = true;  // a terminal may be reading
-  std::cout << values.dump(2, ' ', kAsciiOnly, Values::error_handler_t::replace) << '\n';
+  return values.dump(indent, ' ', kAsciiOnly, Values::error_handler_t::replace);
 }
 
 }  // namespace
@@ -59,6 +60,8 @@ Failure saveFailed(bool written, const std::string &remedy) {
               remedy + "."};
 }
 
+std::string jsonLine(const Values &values) { return asJson(values, -1); }
+
 CLI::ParseError wrongUsage(const std::string &text) {
   return {text, CLI::ExitCodes::RequiredError};
 }
@@ -88,7 +91,10 @@ CLI::App &addReader(CLI::App &noun, const std::string &verb, const std::string &
       command->add_flag("--json", "As JSON, with keys that never change");
   command->callback([read, print, json] {
     const Values values = read();
-    json->count() > 0 ? printJson(values) : print(values);
+    if (json->count() > 0)
+      std::cout << asJson(values, 2) << '\n';
+    else
+      print(values);
   });
   return *command;
 }

@@ -39,6 +39,9 @@ Failure saveFailed(bool written, const std::string &remedy = "set them again");
 // shown. Strings may hold any bytes.
 using Values = nlohmann::ordered_json;
 
+// One line of JSON in ASCII, whatever the strings hold.
+std::string jsonLine(const Values &values);
+
 // What CLI11 throws for a wrong command line.
 CLI::ParseError wrongUsage(const std::string &text);
 

@@ -13,5 +13,6 @@ void addRelay(CLI::App &app);
 void addProtocol(CLI::App &app);
 void addAlias(CLI::App &app);
 void addDomain(CLI::App &app);
+void addLog(CLI::App &app);
 
 #endif  // POSTWELL_PROGRAMS_NOUNS_H_

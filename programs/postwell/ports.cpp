@@ -17,7 +17,7 @@ struct Listener {
   std::string option;  // of "postwell smtp set", empty for a fixed port
 };
 
-std::vector<Listener> listeners(const SMTP &smtp, ReceiveProtocol protocols) {
+std::vector<Listener> listeners(const SMTP &smtp, ReceiveProtocol &protocols) {
   std::vector<Listener> all;
   const auto add = [&all](bool enabled, const Listener &listener) {
     if (enabled) all.push_back(listener);
@@ -46,7 +46,7 @@ ReceiveProtocol readProtocols() {
   return protocols;
 }
 
-void refuseSharedPort(const SMTP &smtp, ReceiveProtocol protocols) {
+void refuseSharedPort(const SMTP &smtp, ReceiveProtocol &protocols) {
   std::map<int, std::string> taken;
   for (const Listener &listener : listeners(smtp, protocols)) {
     const auto [other, isFree] = taken.emplace(listener.port, listener.name);

@@ -12,6 +12,6 @@ SMTP readSmtp();
 ReceiveProtocol readProtocols();
 
 // Ends the command when two services that are on would listen on one port.
-void refuseSharedPort(const SMTP &smtp, ReceiveProtocol protocols);
+void refuseSharedPort(const SMTP &smtp, ReceiveProtocol &protocols);
 
 #endif  // POSTWELL_PROGRAMS_PORTS_H_

@@ -3,7 +3,9 @@
 
 #include "rules.h"
 
+#include <algorithm>
 #include <charconv>
+#include <climits>
 #include <utility>
 
 #include "common/alias_table.h"
@@ -96,5 +98,52 @@ Rule mailAddress() {
   return makeRule("ADDRESS", [](std::string &value) -> std::string {
     if (isMailAddress(value)) return "";
     return wrong("must be a mail address such as bob@example.org", value);
+  });
+}
+
+Rule someText() {
+  return makeRule("TEXT", [](std::string &value) -> std::string {
+    return value.empty() ? "must not be empty" : "";
+  });
+}
+
+Rule oneOf(const std::vector<std::string> &words) {
+  std::string all, sentence;
+  for (size_t i = 0; i < words.size(); i++) {
+    all += (i == 0 ? "" : "|") + words[i];
+    sentence += (i == 0 ? "" : i + 1 < words.size() ? ", " : " or ") + words[i];
+  }
+  return makeRule(all, [words, sentence](std::string &value) -> std::string {
+    const auto found = std::find(words.begin(), words.end(), lowerCase(value));
+    if (found == words.end()) return wrong("must be " + sentence, value);
+    value = std::to_string(found - words.begin());
+    return "";
+  });
+}
+
+Rule moment(DayEnd end) {
+  return makeRule("TIME", [end](std::string &value) -> std::string {
+    const auto found = parseMoment(value, time(nullptr), end);
+    if (!found)
+      return wrong(
+          "must be a time such as 2026-11-21, \"2026-11-21 14:30\", yesterday, \"2 "
+          "hours ago\" or -2h",
+          value);
+    value = std::to_string(*found);
+    return "";
+  });
+}
+
+Rule byteCount() {
+  return makeRule("BYTES", [](std::string &value) -> std::string {
+    long long number = 0;
+    const char *const end = value.data() + value.size();
+    const auto [stop, error] = std::from_chars(value.data(), end, number);
+    const std::string unit = lowerCase({stop, end});
+    const int factor = unit.empty() ? 1 : unit == "k" ? 1024 : unit == "m" ? 1 << 20 : 0;
+    if (error != std::errc() || factor == 0 || number < 0 || number > INT_MAX / factor)
+      return wrong("must be a number of bytes below 2048M such as 500, 10K or 5M", value);
+    value = std::to_string(number * factor);
+    return "";
   });
 }

@@ -5,6 +5,9 @@
 
 #include <CLI/CLI.hpp>
 #include <string>
+#include <vector>
+
+#include "moment.h"
 
 // A check of one value, and the word that stands for such values in the help. A
 // check may rewrite the value into the form that CLI11 converts.
@@ -22,5 +25,9 @@ Rule relayAccount();                    // fit for Postfix's password table, or 
 Rule domainName();                      // made small
 Rule aliasName();                       // a name that an alias can have
 Rule mailAddress();                     // such as bob@example.org
+Rule someText();                        // not empty
+Rule oneOf(const std::vector<std::string> &words);  // becomes the word's index
+Rule moment(DayEnd end);                            // becomes seconds since the epoch
+Rule byteCount();                                   // also 10K and 5M
 
 #endif  // POSTWELL_PROGRAMS_RULES_H_

@@ -37,7 +37,8 @@ void runSet(const SetCommand<SMTP> &set) {
   SMTP smtp = readSmtp();
   if (smtp.loadRelaySetting() != 0) throw relayPasswordLost();  // saved along
   set.apply(smtp);
-  refuseSharedPort(smtp, readProtocols());
+  ReceiveProtocol protocols = readProtocols();
+  refuseSharedPort(smtp, protocols);
   if (smtp.save() != 0) throw saveFailed(describe(readSmtp()) == describe(smtp));
   confirm(smtp);
 }

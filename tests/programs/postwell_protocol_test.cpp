@@ -100,7 +100,9 @@ TEST_F(PostwellProtocol, MissingSettings) {
        {RUN_TEST_PROGRAM({"protocol", "show"}), set({"--imap", "no"})}) {
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.err.rfind("postwell: cannot read /var/packages/Postwell/etc/postwell.conf", 0), 0u)
+    EXPECT_EQ(outcome.err.rfind(
+                  "postwell: cannot read /var/packages/Postwell/etc/postwell.conf", 0),
+              0u)
         << outcome.err;
   }
   EXPECT_FALSE(fileExists(PackageTree::kSettings));

@@ -87,7 +87,9 @@ TEST_F(PostwellRelay, MissingSettings) {
        {RUN_TEST_PROGRAM({"relay", "show"}), set({"--port", "26"})}) {
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.err.rfind("postwell: cannot read /var/packages/Postwell/etc/postwell.conf", 0), 0u)
+    EXPECT_EQ(outcome.err.rfind(
+                  "postwell: cannot read /var/packages/Postwell/etc/postwell.conf", 0),
+              0u)
         << outcome.err;
   }
 }

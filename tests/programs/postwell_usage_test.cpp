@@ -52,7 +52,15 @@ TEST_F(Usage, HelpStandsEverywhere) {
                                                          {"domain"},
                                                          {"domain", "list"},
                                                          {"domain", "add"},
-                                                         {"domain", "remove"}}) {
+                                                         {"domain", "remove"},
+                                                         {"log"},
+                                                         {"log", "list"},
+                                                         {"log", "search"},
+                                                         {"log", "show"},
+                                                         {"log", "count"},
+                                                         {"log", "archives"},
+                                                         {"log", "clear"},
+                                                         {"log", "stats"}}) {
     Arguments arguments = command;
     arguments.push_back("--help");
     const Outcome outcome = run(arguments);
@@ -91,7 +99,7 @@ TEST_F(Usage, Version) {
 }
 
 TEST_F(Usage, WrongUsageIsStatus2) {
-  expectRefused({}, "name one of: smtp, relay, protocol, alias, domain");
+  expectRefused({}, "name one of: smtp, relay, protocol, alias, domain, log");
   expectRefused({"smtp"}, "name one of: show, set");
   expectRefused({"mail", "show"}, "not expected: show mail");
   expectRefused({"smtp", "shwo"}, "not expected: shwo");

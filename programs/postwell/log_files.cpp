@@ -1,0 +1,112 @@
+// The library makes a log that is missing, and makes a damaged one anew. A command that
+// only looks must not do the first and has to tell of the second, so each file is opened
+// here as well: before the library does, and until it has finished.
+
+#include "log_files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <regex>
+
+#include "command.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kStatistics = "/var/packages/Postwell/etc/log_statistic.db";
+
+std::string pathOf(const std::string &name) { return kLogFolder + name; }
+
+}  // namespace
+
+// ---- FileWatch
+
+FileWatch::FileWatch(const std::string &path)
+    : fd_(::open(path.c_str(), O_RDWR | O_CLOEXEC)) {
+  if (fd_ >= 0 || errno == ENOENT) return;
+  const std::string reason = strerror(errno);
+  throw Failure(kFailed, "cannot open " + path + ": " + reason + ".\nRun as root.");
+}
+
+FileWatch::~FileWatch() {
+  if (fd_ >= 0) close(fd_);
+}
+
+bool FileWatch::isAt(const std::string &path) const {
+  struct stat mine {
+  }, there{};
+  return fstat(fd_, &mine) == 0 && stat(path.c_str(), &there) == 0 &&
+         mine.st_dev == there.st_dev && mine.st_ino == there.st_ino;
+}
+
+bool FileWatch::isGone() const {
+  struct stat mine {};
+  return fstat(fd_, &mine) == 0 && mine.st_nlink == 0;
+}
+
+// ---- LogFile
+
+LogFile::LogFile(const std::string &name)
+    : name_(name), file_(pathOf(name)), statistics_(kStatistics) {
+  if (!file_.isOpen()) return;
+  if (!statistics_.isOpen())
+    throw Failure(kFailed, kStatistics +
+                               " is missing, without which no log\n"
+                               "can be read; maillogd makes it when it starts.");
+  log_.emplace(pathOf(name).c_str());
+  if (log_->error() != 0)
+    throw Failure(kFailed, "cannot open " + pathOf(name) + "; the system log tells why.");
+}
+
+std::unique_ptr<LogFile> LogFile::open(const std::string &name) {
+  constexpr int kMostTries = 10;
+  for (int tries = 0; tries < kMostTries; tries++) {
+    std::unique_ptr<LogFile> file(new LogFile(name));
+    if (!file->file_.isOpen()) return nullptr;
+    // else it was moved aside meanwhile, and the library may have opened the next one
+    if (file->file_.isAt(pathOf(name))) return file;
+  }
+  throw Failure(kFailed, pathOf(name) + " is being replaced; try again.");
+}
+
+void LogFile::tellDamage() const {
+  for (const auto &[watch, path] :
+       {std::pair(&file_, pathOf(name_)), std::pair(&statistics_, kStatistics)})
+    if (watch->isGone())
+      std::cerr << "postwell: " << path
+                << " was damaged and has been\nmade anew; what it held is lost.\n";
+}
+
+// ---- the folder
+
+std::vector<std::string> savedLogs() {
+  static const std::regex kForm("maillog_[0-9]{8}(_1)*\\.db");
+  std::vector<std::string> names;
+  std::error_code missing;  // there is no log then
+  for (const fs::directory_entry &entry : fs::directory_iterator(kLogFolder, missing)) {
+    const std::string name = entry.path().filename();
+    if (std::regex_match(name, kForm)) names.push_back(name);
+  }
+  std::sort(names.begin(), names.end());  // "." comes before "_"
+  return names;
+}
+
+// ---- the daemons
+
+bool isRunning(const std::string &pidFile, const std::string &program) {
+  std::ifstream file(pidFile);
+  long pid = 0;
+  if (!(file >> pid) || pid <= 0) return false;
+  std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
+  std::string name;
+  return std::getline(comm, name) && name == program;
+}
