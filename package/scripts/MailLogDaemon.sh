@@ -3,7 +3,8 @@
 #
 # The mail log: maillogd, which collects, and mailfeed, which reads Postfix's log.
 #
-#   start    both; returns when records can get from the one to the other
+#   start    both; returns when records can get from the one to the other. When the
+#            feed fails, the collector stays
 #   stop     the feed, then the collector; returns when both have ended, with all they
 #            had taken in stored
 #   restart  stop, then start
@@ -53,7 +54,7 @@ start() {
 
 stop() {
   stopDaemon "$feed" mailfeed
-  stopDaemon "$collector" maillogd
+  stopDaemon "$collector" maillogd 150  # it may wait a minute for each of its two files
 }
 
 serviceVerb maillog "$@"

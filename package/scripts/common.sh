@@ -50,7 +50,8 @@ usage() {
 reason() {
   local lines
   lines=$(grep -E 'fatal|panic|[Ee]rror|Fatal' <<<"$1" | grep -v 'startup failed') || lines=$1
-  head -n 1 <<<"${lines//"$stage"\//}" | sed 's/^[A-Z][a-z][a-z] [ 0-9][0-9] .*\]: //'
+  [[ -z $stage ]] || lines=${lines//"$stage"\//}
+  head -n 1 <<<"$lines" | sed 's/^[A-Z][a-z][a-z] [ 0-9][0-9] .*\]: //'
 }
 
 # ---- Settings ----------------------------------------------------------------
@@ -218,6 +219,7 @@ waitFor() {
 # daemonPid FILE NAME: the process of a pid file, if it is alive and runs NAME.
 daemonPid() {
   local pid
+  [[ -f $1 ]] || return 1  # some lie in folders of others than root
   pid=$(awk 'NR == 1 { print $1 }' "$1" 2>/dev/null)
   [[ $pid =~ ^[0-9]+$ && $(cat "/proc/$pid/comm" 2>/dev/null) == "$2" ]] && echo "$pid"
 }
@@ -225,14 +227,14 @@ daemonPid() {
 # gone PID: no such process; -PID: no process of that group.
 gone() { ! kill -0 -- "$1" 2>/dev/null; }
 
-# stopDaemon FILE NAME: ends it and its whole process group, because its children
-# hold its ports as well. A child that still lets a client wait (for having
-# guessed a password, say) is not waited for.
+# stopDaemon FILE NAME [SECONDS]: ends it, which may take it so long, and its whole
+# process group, because its children hold its ports as well. A child that still lets a
+# client wait (for having guessed a password, say) is not waited for.
 stopDaemon() {
   local pid
   pid=$(daemonPid "$1" "$2") || return 0
   kill -TERM "$pid" 2>/dev/null  # it may have ended by itself
-  waitFor 20 gone "$pid" && waitFor 2 gone "-$pid" && return
+  waitFor "${3:-20}" gone "$pid" && waitFor 2 gone "-$pid" && return
   kill -KILL -- "-$pid" 2>/dev/null
   waitFor 5 gone "-$pid" || fail "cannot stop $2 (process $pid)"
 }

@@ -25,7 +25,8 @@ constexpr size_t kAddressLimit = 255;
 constexpr size_t kMessageIdLimit = 511;
 constexpr size_t kNoQuoteLimit = SIZE_MAX;
 
-constexpr size_t kMessageLimit = 20000;
+constexpr size_t kQueuedLimit = 20000;
+constexpr size_t kArrivingLimit = 1000;
 constexpr size_t kByteLimit = 16 << 20;
 constexpr size_t kNodeBytes = 100;  // what a remembered text costs beside itself
 constexpr int64_t kForgetAfter = int64_t{7} * 86400;  // Postfix gives up after five days
@@ -125,30 +126,50 @@ void Messages::tick(int64_t time) {
 Message *Messages::find(std::string_view queueId) {
   const auto found = places_.find(queueId);
   if (found == places_.end()) return nullptr;
-  messages_.splice(messages_.end(), messages_, found->second);  // now the latest
-  found->second->seen = clock_;
-  return &*found->second;
+  Message &message = *found->second;
+  std::list<Message> &messages = listOf(message);
+  messages.splice(messages.end(), messages, found->second);  // now the latest
+  message.seen = clock_;
+  return &message;
 }
 
 Message &Messages::findOrAdd(std::string_view queueId) {
   if (Message *const known = find(queueId)) return *known;
-  Message &message = messages_.emplace_back();
+  Message message;
   message.queueId = queueId;
   message.seen = clock_;
-  addLast();
+  add(std::move(message));
   forgetOldest();
-  return message;
+  return *places_.at(queueId);
 }
 
 void Messages::restore(Message message) {
-  messages_.push_back(std::move(message));
-  addLast();
+  if (places_.count(message.queueId) == 0) add(std::move(message));
 }
 
-void Messages::addLast() {
-  const auto place = std::prev(messages_.end());
-  bytes_ += bytesOf(*place);
-  if (!places_.emplace(place->queueId, place).second) eraseAt(place);
+std::vector<const Message *> Messages::all() const {
+  std::vector<const Message *> all;
+  for (const std::list<Message> *const messages : {&arriving_, &queued_})
+    for (const Message &message : *messages) all.push_back(&message);
+  return all;
+}
+
+void Messages::enqueue(Message *message) {
+  if (message->active) return;
+  queued_.splice(queued_.end(), arriving_, places_.at(message->queueId));
+  message->active = true;
+  forgetOldest();
+}
+
+std::list<Message> &Messages::listOf(const Message &message) {
+  return message.active ? queued_ : arriving_;
+}
+
+void Messages::add(Message message) {
+  bytes_ += bytesOf(message);
+  std::list<Message> &messages = listOf(message);
+  messages.push_back(std::move(message));
+  places_.emplace(messages.back().queueId, std::prev(messages.end()));
 }
 
 void Messages::restoreClock(int64_t clock, uint64_t forgotten) {
@@ -161,22 +182,24 @@ void Messages::erase(std::string_view queueId) {
   if (found == places_.end()) return;
   const Place place = found->second;
   places_.erase(found);
-  eraseAt(place);
-}
-
-void Messages::eraseAt(Place place) {
   bytes_ -= bytesOf(*place);
-  messages_.erase(place);
+  listOf(*place).erase(place);
 }
 
-// The latest message stays, whatever it holds.
 void Messages::forgetOldest() {
-  while (messages_.size() > 1 &&
-         (messages_.size() > kMessageLimit || bytes_ > kByteLimit ||
-          messages_.front().seen < clock_ - kForgetAfter)) {
-    erase(messages_.front().queueId);
-    ++forgotten_;
+  while (forgetIf(arriving_.size() > kArrivingLimit || bytes_ > kByteLimit, arriving_)) {
   }
+  while (forgetIf(queued_.size() > kQueuedLimit || bytes_ > kByteLimit, queued_)) {
+  }
+}
+
+// Forgets the oldest; false when it stays. The latest stays, whatever it holds.
+bool Messages::forgetIf(bool tooMany, const std::list<Message> &messages) {
+  if (messages.size() < 2) return false;
+  if (!tooMany && messages.front().seen >= clock_ - kForgetAfter) return false;
+  erase(messages.front().queueId);
+  ++forgotten_;
+  return true;
 }
 
 void Messages::setMessageId(const MessageLine &line, std::string_view text) {
@@ -200,7 +223,7 @@ bool Messages::takeSender(const MessageLine &line, std::vector<Delivery> *delive
   bytes_ += message.from.size();
   if (!sender.expired) {
     message.size = sender.size;
-    message.active = true;
+    enqueue(&message);
     return true;
   }
   for (const std::string &recipient : message.deferred)
@@ -228,6 +251,7 @@ bool Messages::takeRecipient(const MessageLine &line, std::vector<Delivery> *del
 
 // A single message that needs all the room is not remembered any further.
 void Messages::remember(Message *message, std::string_view recipient) {
+  enqueue(message);
   if (bytes_ <= kByteLimit && message->deferred.emplace(recipient).second)
     bytes_ += kNodeBytes + recipient.size();
   forgetOldest();

@@ -20,7 +20,7 @@ struct Message {
   std::string messageId;
   std::string from;
   int64_t size = 0;
-  bool active = false;  // has reached the queue: sender and size are known
+  bool active = false;  // has reached the queue
   int64_t seen = 0;     // when it was logged last, on Messages's clock
   std::set<std::string, std::less<>> deferred;  // recipients that are still tried
 };
@@ -36,9 +36,11 @@ class Messages {
   // when the line looks like one that tells of that but could not be understood.
   bool take(const MessageLine &line, std::vector<Delivery> *deliveries);
 
-  // In the order in which they were logged last. Memory is bounded: beyond some 20,000
-  // messages or 16 MB, or after a week without a line, the oldest are forgotten.
-  const std::list<Message> &all() const { return messages_; }
+  // Those that have not reached the queue yet, then those in it, each in the order in
+  // which they were logged last. Memory is bounded: beyond 1,000 of the ones and 20,000
+  // of the others, 16 MB in all, or after a week without a line, the oldest are
+  // forgotten.
+  std::vector<const Message *> all() const;
   uint64_t forgotten() const { return forgotten_; }
 
   // To keep it for the next run: adds a message behind all others; the clock is
@@ -53,17 +55,20 @@ class Messages {
   void tick(int64_t time);
   Message *find(std::string_view queueId);
   Message &findOrAdd(std::string_view queueId);
-  void addLast();
+  std::list<Message> &listOf(const Message &message);
+  void add(Message message);
+  void enqueue(Message *message);
   void erase(std::string_view queueId);
-  void eraseAt(Place place);
   void forgetOldest();
+  bool forgetIf(bool tooMany, const std::list<Message> &messages);
   void setMessageId(const MessageLine &line, std::string_view text);
   bool takeSender(const MessageLine &line, std::vector<Delivery> *deliveries);
   bool takeRecipient(const MessageLine &line, std::vector<Delivery> *deliveries);
   void remember(Message *message, std::string_view recipient);
   void cross(Message *message, std::string_view recipient);
 
-  std::list<Message> messages_;
+  // What strangers begin and never send must not displace what is in the queue.
+  std::list<Message> arriving_, queued_;
   std::unordered_map<std::string_view, Place> places_;  // keys point into the messages
   size_t bytes_ = 0;                                    // of all messages
   int64_t clock_ = 0;  // seconds that have passed in the log; see tick()

@@ -126,7 +126,8 @@ std::string stateText(const Position &position, const LogReader &reader) {
           position.fingerprint, position.written);
   addLine(&text, "count", count.lines, count.notUnderstood, count.sent,
           messages.forgotten(), count.lastTime, messages.clock());
-  for (const Message &message : messages.all()) {
+  for (const Message *const each : messages.all()) {
+    const Message &message = *each;
     addLine(&text, "message", message.queueId, message.seen,
             static_cast<uint64_t>(message.active), message.size, message.messageId,
             message.from);

@@ -17,6 +17,8 @@
 #include <postwell.h>
 #include <sys/file.h>
 #include <sys/resource.h>
+#include <sys/select.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -48,9 +50,12 @@ constexpr unsigned int kPatienceSeconds = 2;
 volatile sig_atomic_t stopping = 0;
 
 // The alarm comes back here until the loop has noticed: a signal that arrives just
-// before a wait begins does not end the wait.
-extern "C" void stop(int /*signal*/) {
+// before a wait begins does not end the wait. A sender who goes on and on is cut off
+// then; what is no socket does not mind.
+extern "C" void stop(int signal) {
   stopping = 1;
+  if (signal == SIGALRM)
+    for (int fd = STDERR_FILENO + 1; fd < FD_SETSIZE; ++fd) shutdown(fd, SHUT_RD);
   alarm(kPatienceSeconds);
 }
 

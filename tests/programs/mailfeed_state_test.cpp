@@ -47,7 +47,7 @@ TEST(State, WhatIsSavedIsFound) {
   EXPECT_EQ(reader.counters().sent, 3u);
   EXPECT_EQ(reader.counters().lastTime, 1795227409);
   ASSERT_EQ(reader.messages().all().size(), 3u);
-  const Message &message = *std::next(reader.messages().all().begin());
+  const Message &message = *reader.messages().all().at(1);
   EXPECT_EQ(message.queueId, "AAAAAA");
   EXPECT_EQ(message.messageId, "m 'one'\xc3\xbc@x");
   EXPECT_EQ(message.from, "a@x");
@@ -55,7 +55,7 @@ TEST(State, WhatIsSavedIsFound) {
   EXPECT_TRUE(message.active);
   EXPECT_EQ(message.deferred,
             (std::set<std::string, std::less<>>{"\"tab?here\"@x", "c@x"}));
-  EXPECT_EQ(reader.messages().all().back().deferred,
+  EXPECT_EQ(reader.messages().all().back()->deferred,
             (std::set<std::string, std::less<>>{""}));
   // saved again it is the same, to the last byte
   EXPECT_EQ(stateText(position, reader), stateText(kPosition, saved));

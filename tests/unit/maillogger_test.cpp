@@ -61,7 +61,9 @@ TEST_F(MailLoggerTest, AFreshCollectorHasItsFolderItsFilesAndItsSocket) {
 TEST_F(MailLoggerTest, TheSocketIsBoundByPathWithoutNulAndListensForTwenty) {
   makeFiles();
   MailLogger logger(10, 1000);
-  EXPECT_EQ(takeCalls().at(0), "bind " + std::to_string(kSocket.size() + 2));
+  const auto calls = takeCalls();
+  EXPECT_EQ(calls.at(0), "bind " + std::to_string(kSocket.size() + 2));
+  EXPECT_EQ(calls.at(1), "listen 20");
 }
 
 TEST_F(MailLoggerTest, TheCountersAreReadBeforeTheRowsAreCounted) {
