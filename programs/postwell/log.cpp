@@ -164,20 +164,23 @@ void listArchives(bool json) {
   if (names.empty()) tell("there is no saved log.");
 }
 
+void confirmClearing() {
+  if (isatty(STDIN_FILENO) == 0)
+    throw Failure(kWrongUsage, "add --yes to clear the log without being asked");
+  std::cout << "Remove all entries of the live log? [y/N] " << std::flush;
+  std::string answer;
+  std::getline(std::cin, answer);
+  answer = lowerCase(answer);
+  if (answer != "y" && answer != "yes") throw Failure(kFailed, "nothing was changed");
+}
+
+// The log is opened when the answer is there: by then it may be another.
 void clear(bool yes) {
+  if (!yes) confirmClearing();
   const std::unique_ptr<LogFile> file = LogFile::open(kLiveLog);
   if (file == nullptr) {
     std::cout << "There is no live log, so there is nothing to clear.\n";
     return;
-  }
-  if (!yes) {
-    if (isatty(STDIN_FILENO) == 0)
-      throw Failure(kWrongUsage, "add --yes to clear the log without being asked");
-    std::cout << "Remove all " << file->log().getLogNum()
-              << " entries of the live log? [y/N] " << std::flush;
-    std::string answer;
-    if (!std::getline(std::cin, answer) || (answer != "y" && answer != "yes"))
-      throw Failure(kFailed, "nothing was changed");
   }
   if (file->log().clear() != 0)
     throw Failure(kFailed, "the live log could not be cleared; the system log tells why");

@@ -40,7 +40,8 @@ bool isExact(const Conditions &wanted) {
                       !wanted.to.empty() || wanted.status || wanted.since ||
                       wanted.until || wanted.larger || wanted.smaller;
   return isLiteral(wanted.key) && isLiteral(wanted.messageID) && isLiteral(wanted.from) &&
-         isLiteral(wanted.to) && !wanted.wholeMessageID &&
+         isLiteral(wanted.to) && !wanted.wholeMessageID && wanted.since != 0 &&
+         wanted.until != 0 &&  // which to the library is no bound
          !(wanted.larger && wanted.smaller) && (wanted.key.empty() || !others);
 }
 

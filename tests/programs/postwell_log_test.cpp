@@ -194,6 +194,7 @@ TEST_F(PostwellLog, TimesAreInclusiveAndADayIsALocalOne) {
   EXPECT_EQ(ids({"list", "--until", "2024-01-31 16:50:00+0530"}), "<1@x>");
   EXPECT_EQ(ids({"list", "--since", "2024-02-01"}), "");
   EXPECT_EQ(ids({"list", "--until", "2024-01-30"}), "");
+  EXPECT_EQ(ids({"list", "--until", "1970-01-01T00:00:00Z"}), "");
   EXPECT_EQ(ids({"list", "--since", "2024-01-31", "--until", "2024-01-31"}),
             "<1@x><2@x><3@x>");
 }
@@ -465,7 +466,7 @@ TEST_F(PostwellLog, LookingAtAMissingLogMakesNone) {
   }
   EXPECT_EQ(run({"archives"}).err, "postwell: there is no saved log.\n");
   expectRefused({"stats"}, 1, "there is no mail log yet; maillogd makes it.");
-  EXPECT_EQ(run({"clear"}).out, "There is no live log, so there is nothing to clear.\n");
+  EXPECT_EQ(run({"clear", "--yes"}).out, "There is no live log, so there is nothing to clear.\n");
   EXPECT_EQ(folder(), Arguments());
   EXPECT_FALSE(fileExists(kStatistic));
   fs::remove(kFolder.substr(0, kFolder.size() - 1));
