@@ -466,7 +466,8 @@ TEST_F(PostwellLog, LookingAtAMissingLogMakesNone) {
   }
   EXPECT_EQ(run({"archives"}).err, "postwell: there is no saved log.\n");
   expectRefused({"stats"}, 1, "there is no mail log yet; maillogd makes it.");
-  EXPECT_EQ(run({"clear", "--yes"}).out, "There is no live log, so there is nothing to clear.\n");
+  EXPECT_EQ(run({"clear", "--yes"}).out,
+            "There is no live log, so there is nothing to clear.\n");
   EXPECT_EQ(folder(), Arguments());
   EXPECT_FALSE(fileExists(kStatistic));
   fs::remove(kFolder.substr(0, kFolder.size() - 1));
