@@ -205,7 +205,8 @@ ensureMap() {
   local message
   [[ ! -e $POSTFIX/$1.lmdb ]] || return 0
   message=$("$T/bin/$2" 2>&1) || fail "cannot make the table $1: $(reason "$message")"
-  [[ -z $message ]] || printf '%s\n' "$message" >&2  # what had to be left out
+  # what had to be left out is no failure of this script
+  [[ -z $message ]] || logger -p mail.warning -t postwell -- "$message" 2>/dev/null
 }
 
 # Postfix's programs wait while main.cf looks as if someone were still writing it.
