@@ -61,7 +61,7 @@ class POSTWELL_API Alias {
   // The changes, each one transaction on the opened file. 0, also when the file was
   // damaged and has been made anew without the change; -1 otherwise, with the
   // statements before the failed one still to be committed by save(). A statement
-  // longer than 1023 bytes fails.
+  // longer than 1024 bytes fails.
   // Adding checks nothing: a member added twice is stored twice.
   int addMember(const std::string &alias, const std::list<MemberInfo> &members) noexcept;
   int delMember(const std::string &alias, const std::list<MemberInfo> &members) noexcept;

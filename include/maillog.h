@@ -81,7 +81,7 @@ enum TimeScale : int { DAY = 24, WEEK = 7, MONTH = 30, HALF_YEAR = 6 };
 // succeeds as on an empty log. Times are the machine's local ones.
 class POSTWELL_API MailLog {
  public:
-  // Opens both files; a missing one is made.
+  // Opens both files; a missing one is made. A null path is a failure.
   explicit MailLog(const char *szDBPath) noexcept;
   ~MailLog();
   MailLog(const MailLog &) = delete;

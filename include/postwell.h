@@ -17,6 +17,21 @@
 // Marks what libpostwell.so exports; everything else in it is hidden.
 #define POSTWELL_API __attribute__((visibility("default")))
 
+// Which side of a message a rule looks at. Stored as these numbers.
+enum Type : int { TYPE_SENDER = 0, TYPE_RECIPIENT = 1, TYPE_CLIENT = 2 };
+
+// What a rule's name is: a local account, a full address or a domain. Stored as these
+// numbers.
+enum NameType : int { NAME_ACCOUNT = 0, NAME_ADDRESS = 1, NAME_DOMAIN = 2 };
+
+// A page of a list of rules, and what to search for in it.
+struct Filter {
+  int start;         // how many rules to skip
+  int limit;         // how many to give at most
+  std::string type;  // "all", "sender", "recipient" or "client"; any other: nothing
+  std::string key;   // part of a name; empty: all rules, whatever `type` says
+};
+
 // Appends the lines of the first section "[section]" of a file to `lines`, white space
 // at both ends removed, blank lines left out; there are no comments. A line that begins
 // with "[" in its first column ends the section. Returns 0, also when the section is

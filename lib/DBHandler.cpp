@@ -42,7 +42,7 @@ bool makeFile(const std::string &path) {
   const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
   if (fd < 0) return false;
   close(fd);  // before SQLite opens it: closing later would drop SQLite's locks
-  // of a file that was moved or removed while others had it open, who keep it
+  // Those of a file that was moved or removed while others had it open, who keep them.
   internal::removeWriteAheadLog(path);
   return true;
 }

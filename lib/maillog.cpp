@@ -169,6 +169,18 @@ class OneState {
   const DBHandler &_db;
 };
 
+// Closes the log. What lies beside the live one is left to the collector: the last one to
+// close a database removes its write-ahead log, by a name that is the next log's if this
+// one is moved aside meanwhile. Beside a saved one nothing may stay: it would count.
+void leave(DBHandler &log) noexcept {
+  if (!log.isConnect()) return;
+  const char *const path = sqlite3_db_filename(log.getDB(), "main");
+  const char *const name = path == nullptr ? nullptr : strrchr(path, '/');
+  if (name != nullptr && strcmp(name, strrchr(paths::kMailLogDB, '/')) == 0)
+    sqlite3_db_config(log.getDB(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+  log.disconnect();  // it says itself what fails
+}
+
 void logStep(const Statement &statement, DBHandler &db) {
   LOG_ERROR("sqlite3_step: [%d] %s\n", statement.code(), sqlite3_errmsg(db.getDB()));
 }
@@ -178,6 +190,10 @@ void logStep(const Statement &statement, DBHandler &db) {
 // ---- construction
 
 MailLog::MailLog(const char *szDBPath) noexcept : m_Error(-1) {
+  if (szDBPath == nullptr) {
+    LOG_ERROR("Bad Parameter");
+    return;
+  }
   try {  // a constructor whose whole body were tried would throw on
     mkdir(paths::kMailLogFolder, 0755);  // without it the file below cannot be opened
     m_MailLogDB = std::make_unique<DBHandler>(szDBPath, schemas::kMailLog);
@@ -192,7 +208,9 @@ MailLog::MailLog(const char *szDBPath) noexcept : m_Error(-1) {
   }
 }
 
-MailLog::~MailLog() = default;  // the handles disconnect
+MailLog::~MailLog() {
+  if (m_MailLogDB != nullptr) leave(*m_MailLogDB);  // without memory there is none
+}
 
 // Connects to the log and to its write-ahead log. SQLite opens that by its name at the
 // first read: had the collector moved the log aside since, it would be the next log's,
@@ -213,7 +231,7 @@ bool MailLog::openLog(const char *path) noexcept {
     const bool isSame = before.st_dev == after.st_dev && before.st_ino == after.st_ino;
     if (opened ? after.st_size > 0 && (isSame || wasMissing) : isSame || isLast)
       return opened;
-    m_MailLogDB->disconnect();
+    leave(*m_MailLogDB);
     if (isLast) return m_MailLogDB->createDB() == 0;  // whoever began it has given up
     usleep(kPauseMicroseconds);
   }

@@ -10,7 +10,6 @@
 
 #include "maillogger.h"
 
-#include <dirent.h>
 #include <grp.h>
 #include <pwd.h>
 #include <sqlite3.h>
@@ -30,6 +29,7 @@
 #include <utility>
 
 #include "DBHandler.h"
+#include "internal/folder.h"
 #include "internal/log.h"
 #include "internal/paths.h"
 #include "internal/schemas.h"
@@ -39,6 +39,7 @@
 #include "kestsdk.h"
 
 using internal::FixedSQL;
+using internal::Folder;
 using internal::Statement;
 
 namespace {
@@ -139,29 +140,12 @@ bool makeWhole(DBHandler &db) {
 
 // ---- the folder of the logs, as ls lists it
 
-class Folder {
- public:
-  Folder() noexcept : _dir(opendir(paths::kMailLogFolder)) {}
-  ~Folder() {
-    if (_dir != nullptr) closedir(_dir);
-  }
-  Folder(const Folder &) = delete;
-  Folder &operator=(const Folder &) = delete;
-
-  bool isOpen() const noexcept { return _dir != nullptr; }
-
-  // The next entry that is not hidden; null at the end and on a failure, which errno
-  // tells from an end by not being 0.
-  const char *next() noexcept {
-    errno = 0;
-    const dirent *entry = readdir(_dir);
-    while (entry != nullptr && entry->d_name[0] == '.') entry = readdir(_dir);
-    return entry == nullptr ? nullptr : entry->d_name;
-  }
-
- private:
-  DIR *_dir;
-};
+// The next entry that is not hidden; null as Folder::next().
+const char *nextListed(Folder &folder) noexcept {
+  const char *name = folder.next();
+  while (name != nullptr && *name == '.') name = folder.next();
+  return name;
+}
 
 std::string pathOf(const std::string &name) { return paths::kMailLogFolder + name; }
 
@@ -442,13 +426,13 @@ std::string MailLogger::getSavedLogDBName() {
 
 // The lines of "ls -l" with "maillog_" in them, whatever puts it there.
 int MailLogger::getSavedLogDBNum() {
-  Folder folder;
+  Folder folder(paths::kMailLogFolder);
   if (!folder.isOpen()) {
     LOG_ERROR("get save log db info fail");
     return -1;
   }
   int count = 0;
-  while (const char *name = folder.next()) count += linesOfSavedLogs(listing(name));
+  while (const char *name = nextListed(folder)) count += linesOfSavedLogs(listing(name));
   if (errno != 0) {
     LOG_ERROR("read saved log db num fail");
     return -1;
@@ -458,14 +442,14 @@ int MailLogger::getSavedLogDBNum() {
 
 // Removes what the last line of "ls -t" names.
 void MailLogger::rotateSavedLogDB() {
-  Folder folder;
+  Folder folder(paths::kMailLogFolder);
   if (!folder.isOpen()) {
     LOG_ERROR("fail to get oldest saved mail log db, rotate saved log db fail");
     return;
   }
   std::pair<timespec, std::string> last;
   bool found = false;
-  while (const char *name = folder.next()) {
+  while (const char *name = nextListed(folder)) {
     std::pair<timespec, std::string> entry(modified(name), name);
     if (!found || isListedBefore(last, entry)) last = std::move(entry);
     found = true;

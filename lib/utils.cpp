@@ -6,54 +6,30 @@
 // column, while the one that begins it need not.
 
 #include <signal.h>
-#include <stdio.h>
 #include <sys/sysinfo.h>
 #include <sys/types.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
 
 #include "alias.h"
+#include "internal/line_reader.h"
 #include "internal/log.h"
 #include "kestcore.h"
 #include "kestsdk.h"
 #include "postwell.h"
 #include "smtp.h"
 
+using internal::LineReader;
+
 namespace {
 
 // The anti-virus scanner's need, compared with sysinfo's raw `totalram`: the machines
 // in question count it in bytes.
 constexpr unsigned long kAntiVirusMemory = 0x18000000;
-
-// A text file read line by line into one growing buffer.
-class LineReader {
- public:
-  explicit LineReader(const char *path) : _file(fopen(path, "r")) {}
-  ~LineReader() {
-    if (_file != nullptr) fclose(_file);  // nothing was written
-    free(_line);
-  }
-  LineReader(const LineReader &) = delete;
-  LineReader &operator=(const LineReader &) = delete;
-
-  bool isOpen() const { return _file != nullptr; }
-
-  // False at the end of the file and on a read error.
-  bool next() { return (_length = getline(&_line, &_size, _file)) >= 0; }
-  char *line() { return _line; }
-  int length() const { return static_cast<int>(_length); }
-
- private:
-  FILE *_file;
-  char *_line = nullptr;
-  size_t _size = 0;
-  ssize_t _length = 0;
-};
 
 bool findHeader(LineReader &reader, const char *section) {
   while (reader.next()) {

@@ -49,6 +49,10 @@ void SettingsTable::get(const char *key, int &field) const noexcept {
                              : static_cast<int>(number);
 }
 
+void SettingsTable::get(const char *key, float &field) const noexcept {
+  if (const char *value = find(key)) field = static_cast<float>(strtod(value, nullptr));
+}
+
 void SettingsTable::get(const char *key, std::string &field) const {
   if (const char *value = find(key)) field = value;
 }
@@ -60,6 +64,12 @@ void SettingsTable::set(const char *key, bool value) noexcept {
 void SettingsTable::set(const char *key, int value) noexcept {
   char text[16];
   snprintf(text, sizeof text, "%d", value);  // 11 characters at most
+  set(key, text);
+}
+
+void SettingsTable::set(const char *key, float value) noexcept {
+  char text[64];  // 43 characters at most
+  snprintf(text, sizeof text, "%.2f", static_cast<double>(value));
   set(key, text);
 }
 

@@ -1,6 +1,7 @@
 // One group of settings on its way between the settings file and the fields of a
 // settings class: the host's string-to-string table with the encodings that the
-// file uses ("yes"/"no", decimal numbers, text as it stands).
+// file uses ("yes"/"no", decimal numbers, of which scores have two decimals, text as it
+// stands).
 
 #ifndef POSTWELL_INTERNAL_SETTINGS_TABLE_H_
 #define POSTWELL_INTERNAL_SETTINGS_TABLE_H_
@@ -38,10 +39,12 @@ class SettingsTable {
   // std::bad_alloc.
   void get(const char *key, bool &field) const noexcept;
   void get(const char *key, int &field) const noexcept;
+  void get(const char *key, float &field) const noexcept;
   void get(const char *key, std::string &field) const;
 
   void set(const char *key, bool value) noexcept;
   void set(const char *key, int value) noexcept;
+  void set(const char *key, float value) noexcept;
   void set(const char *key, const char *value) noexcept;
   // A text with a NUL inside has no line that reads back as it: it is not set.
   void set(const char *key, const std::string &value) noexcept;

@@ -14,16 +14,28 @@ said=   # the output of startQuietly
 P=/var/packages/Postwell
 T=$P/target
 SETTINGS=$P/etc/postwell.conf
+BLOCKLISTS=$P/etc/spamlist.conf
 DEFAULTS=$T/etc/postwell.conf.default  # what an absent key stands for
 ADDITIONS=$P/etc/local                 # the administrator's own, never written
 POSTFIX=$T/etc/postfix
 POSTMAP=$T/etc/postmap                 # makes maps without the real main.cf
 DOVECOT=$T/etc/dovecot
+SPAM=$T/etc/spamassassin                # with the rule files that are switched on
+SPAM_LISTS=$T/etc/spam/blackwhite.cf    # made by kest_spam_blackwhite
+SPAM_USER=debian-spamd                  # judges mail
+SPAM_CLIENT=spamass-milter              # shows it to him
+VIRUS=$T/etc/clamav
+VIRUS_SIGNATURES=/var/lib/clamav        # the machine's own, kept up to date by freshclam
+VIRUS_USER=clamav                       # examines mail, and shows it to himself
 TLS=$T/etc/ssl
 QUEUE=$T/var/spool/postfix
 STATE=$T/var/lib
 LOGS=$T/var/log
 RUN=/run/postwell
+SPAMD_SOCKET=$RUN/spamd/spamd.sock
+SPAM_MILTER=$RUN/spamass-milter/milter.sock
+CLAMD_SOCKET=$RUN/clamav/clamd.sock
+VIRUS_MILTER=$RUN/clamav-milter/milter.sock
 
 export LC_ALL=C
 export PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
@@ -49,9 +61,9 @@ usage() {
 # the date of a log line and the name of the folder that will be gone.
 reason() {
   local lines
-  lines=$(grep -E 'fatal|panic|[Ee]rror|Fatal' <<<"$1" | grep -v 'startup failed') || lines=$1
+  lines=$(grep -E 'fatal|panic|[Ee]rror|ERROR|Fatal' <<<"$1" | grep -v 'startup failed') || lines=$1
   [[ -z $stage ]] || lines=${lines//"$stage"\//}
-  head -n 1 <<<"$lines" | sed 's/^[A-Z][a-z][a-z] [ 0-9][0-9] .*\]: //'
+  head -n 1 <<<"$lines" | sed 's/^[A-Z][a-z][a-z] [ 0-9][0-9] .*\]: //; s/^[A-Z][a-z][a-z] [A-Z].* -> //'
 }
 
 # ---- Settings ----------------------------------------------------------------
@@ -116,6 +128,18 @@ expectNumber() {
   settings[$1]=$((10#$value))
 }
 
+# expectScore KEY: as SpamAssassin takes it.
+expectScore() {
+  [[ ${settings[$1]} =~ ^-?[0-9]{1,4}(\.[0-9]{1,2})?$ ]] ||
+    refuse "$1" "a number with two decimals at most"
+}
+
+# expectText KEY SIZE: one that may stand in a line, of so many bytes at most.
+expectText() {
+  { ((${#settings[$1]} <= $2)) && [[ ${settings[$1]} != *[[:cntrl:]]* ]]; } ||
+    refuse "$1" "$2 bytes at most, and no control characters"
+}
+
 expectHostName() {
   isHostName "${settings[$1]}" || refuse "$1" "a host name"
 }
@@ -164,6 +188,15 @@ prepareFolders() {
       { [[ -e $LOGS/maillog ]] || install -m 640 /dev/null "$LOGS/maillog"; } &&
       chown postfix "$LOGS/maillog"
   } || fail "cannot prepare the folders under $T and $RUN"
+}
+
+# What the spam filter needs to be configured and to run.
+prepareSpamFolders() {
+  {
+    install -d -m 755 "$RUN" "$SPAM" "${SPAM_LISTS%/*}" "$LOGS" "$STATE" &&
+      install -d -m 755 -o "$SPAM_USER" "$RUN/spamd" "$STATE/spamassassin" &&
+      { [[ -e $LOGS/spamd.log ]] || install -m 640 -o "$SPAM_USER" /dev/null "$LOGS/spamd.log"; }
+  } || fail "cannot prepare the folders of the spam filter under $T and $RUN"
 }
 
 # stageIn FOLDER: makes a folder beside it, on the same file system, that is gone

@@ -11,14 +11,12 @@
 
 #include "common/alias_table.h"
 
-#include <DBHandler.h>
-#include <sqlite3.h>
 #include <unistd.h>
 
 #include <cstring>
-#include <memory>
 
 #include "common/host_name.h"
+#include "common/table_reader.h"
 #include "common/text.h"
 
 namespace {
@@ -26,32 +24,10 @@ namespace {
 constexpr char kFile[] = "/var/packages/Postwell/etc/alias.db";
 constexpr char kQuery[] =
     "SELECT alias, member, type FROM alias_info_table ORDER BY alias;";
-constexpr unsigned int kPatienceMs = 10000;  // with someone who is writing
 
 constexpr size_t kLongestLocalPart = 64;  // RFC 5321, 4.5.3.1.1
 constexpr char kInstructions[] = "|/:\\";
 constexpr char kAtomSpecials[] = ".!#$%&'*+-=?^_`{}|/~";  // RFC 5322, 3.2.3
-
-int readRows(sqlite3 *database, AliasTable *aliases) {
-  sqlite3_stmt *prepared = nullptr;
-  int code = sqlite3_prepare_v2(database, kQuery, -1, &prepared, nullptr);
-  const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt *)> query(prepared,
-                                                                     sqlite3_finalize);
-  const auto text = [&query](int column) {
-    const unsigned char *value = sqlite3_column_text(query.get(), column);
-    return value == nullptr ? "" : reinterpret_cast<const char *>(value);
-  };
-  if (code != SQLITE_OK) return code;
-  auto alias = aliases->end();
-  while ((code = sqlite3_step(query.get())) == SQLITE_ROW) {
-    if (alias == aliases->end() || alias->first != text(0))
-      alias = aliases->try_emplace(aliases->end(), text(0));  // they come sorted
-    MemberInfo &member = alias->second.emplace_back();
-    member.strName = text(1);
-    member.type = static_cast<MemberType>(sqlite3_column_int(query.get(), 2));
-  }
-  return code;
-}
 
 // What keeps the text from being a local name in the database.
 std::string localNameProblem(const std::string &name) {
@@ -91,16 +67,19 @@ std::string readAliases(Alias &file, AliasTable *aliases) {
   static const char kUnreadable[] = "cannot read the aliases (the system log tells why)";
   if (file.getError() != 0) return kUnreadable;
   if (access(kFile, F_OK) != 0 && file.load() != 0) return kUnreadable;  // makes it
-  DBHandler database(kFile, "");
-  database.setBusyTimeout(kPatienceMs);
-  if (database.connect() != SQLITE_OK) return kUnreadable;
-  switch (readRows(database.getDB(), aliases)) {
-    case SQLITE_DONE:
+  auto alias = aliases->end();
+  const auto take = [aliases, &alias](const TableRow &row) {
+    if (alias == aliases->end() || alias->first != row.text(0))
+      alias = aliases->try_emplace(aliases->end(), row.text(0));  // they come sorted
+    MemberInfo &member = alias->second.emplace_back();
+    member.strName = row.text(1);
+    member.type = static_cast<MemberType>(row.integer(2));
+  };
+  switch (readTable(kFile, kQuery, take)) {
+    case TableRead::kDone:
       return "";
-    case SQLITE_CORRUPT:
-    case SQLITE_NOTADB:
-      return std::string("the aliases are damaged: restore ") + kFile +
-             "\nfrom a backup, or remove it to begin anew";
+    case TableRead::kDamaged:
+      return "the aliases are damaged: " + restoreAdvice(kFile);
     default:
       return kUnreadable;
   }
@@ -112,13 +91,15 @@ std::string aliasNameProblem(const std::string &name) {
   return localNameProblem(name);
 }
 
+bool isLocalPart(const std::string &text) {
+  return !text.empty() && text.size() <= kLongestLocalPart &&
+         std::strchr("|/-.", text.front()) == nullptr && text.back() != '.' &&
+         isMadeOf(text, kAtomSpecials) && text.find("..") == std::string::npos;
+}
+
 bool isMailAddress(const std::string &text) {
   const size_t at = text.find('@');
-  if (at == std::string::npos) return false;
-  const std::string local = text.substr(0, at);
-  return !local.empty() && local.size() <= kLongestLocalPart &&
-         std::strchr("|/-.", local.front()) == nullptr && local.back() != '.' &&
-         isMadeOf(local, kAtomSpecials) && local.find("..") == std::string::npos &&
+  return at != std::string::npos && isLocalPart(text.substr(0, at)) &&
          isHostName(text.substr(at + 1));
 }
 

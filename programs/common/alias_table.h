@@ -28,6 +28,9 @@ std::string aliasNameProblem(const std::string &name);
 // what it takes for a command, a file or an include is none.
 bool isMailAddress(const std::string &text);
 
+// The same of the part before the "@".
+bool isLocalPart(const std::string &text);
+
 // Where mail for a member goes: USER, a mailbox; ALIAS, an alias in small letters;
 // EXTADDR, an address.
 struct Destination {

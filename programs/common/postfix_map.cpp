@@ -1,4 +1,4 @@
-// Source text beside the old one, synced and renamed; then postmap(1) or postalias(1).
+// The source text, then postmap(1) or postalias(1).
 //
 // They are given a configuration folder of its own: with that of the server, a
 // setting that only the daemons care about would keep a table from being built.
@@ -6,78 +6,54 @@
 
 #include "postfix_map.h"
 
-#include <fcntl.h>
 #include <kestcore.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
-#include <filesystem>
-#include <system_error>
+
+#include "common/replace_file.h"
 
 namespace {
 
 constexpr char kFolder[] = "/var/packages/Postwell/target/etc/postfix/";
 constexpr char kBuilderConfig[] = "/var/packages/Postwell/target/etc/postmap";
+constexpr char kPostmap[] = "/usr/sbin/postmap";
 
-// A new file beside `path` that is removed unless it took the place of `path`.
-class NewFile {
- public:
-  explicit NewFile(const std::string &path)
-      : path_(path), name_(path + ".XXXXXX"), fd_(mkostemp(name_.data(), O_CLOEXEC)) {}
-  ~NewFile() {
-    if (fd_ < 0) return;
-    close(fd_);
-    if (!renamed_) unlink(name_.c_str());
-  }
-  NewFile(const NewFile &) = delete;
-  NewFile &operator=(const NewFile &) = delete;
-
-  // False with errno set when a step fails.
-  bool write(const std::string &text) const {
-    if (fd_ < 0 || fchmod(fd_, 0644) != 0) return false;
-    for (size_t done = 0; done < text.size();) {
-      const ssize_t n = ::write(fd_, text.data() + done, text.size() - done);
-      if (n < 0 && errno != EINTR) return false;
-      if (n > 0) done += static_cast<size_t>(n);
-    }
-    return fsync(fd_) == 0;
-  }
-
-  bool takePlace() {
-    renamed_ = rename(name_.c_str(), path_.c_str()) == 0;
-    return renamed_;
-  }
-
- private:
-  const std::string path_;
-  std::string name_;  // mkostemp() completes it
-  const int fd_;
-  bool renamed_ = false;
-};
-
-std::string because(const std::string &what, int error) {
-  return what + ": " + std::generic_category().message(error);
+std::string failed(const std::string &builder, const std::string &tables) {
+  return builder + " failed for " + tables + "; the lines above tell why";
 }
 
 }  // namespace
 
+std::string postfixMapText(const std::string &name) { return kFolder + name; }
+
 std::string replacePostfixMap(const std::string &name, const std::string &text,
                               MapFormat format) {
-  const std::string path = kFolder + name;
-  std::error_code error;
-  std::filesystem::create_directories(kFolder, error);
-  if (error) return because(std::string("cannot make ") + kFolder, error.value());
-
-  NewFile file(path);
-  if (!file.write(text)) return because("cannot write beside " + path, errno);
-  if (!file.takePlace()) return because("cannot replace " + path, errno);
+  const std::string path = postfixMapText(name);
+  std::string failure = replaceFile(path, text);
+  if (!failure.empty()) return failure;
 
   const std::string table = "lmdb:" + path;
   const char *const builder =
-      format == MapFormat::kTable ? "/usr/sbin/postmap" : "/usr/sbin/postalias";
+      format == MapFormat::kTable ? kPostmap : "/usr/sbin/postalias";
   if (KLIBCExec(builder, "-c", kBuilderConfig, table.c_str(), nullptr) < 0)
-    return std::string(builder) + " failed for " + table + "; the lines above tell why";
+    return failed(builder, table);
+  return "";
+}
+
+std::string replacePostfixMaps(const std::vector<MapText> &maps) {
+  std::string tables[4], all;
+  const char *arguments[4] = {};
+  for (size_t i = 0; i < maps.size(); ++i) {
+    const std::string path = postfixMapText(maps[i].name);
+    std::string failure = replaceFile(path, maps[i].text);
+    if (!failure.empty()) return failure;
+    tables[i] = "lmdb:" + path;
+    arguments[i] = tables[i].c_str();
+    all += (i == 0 ? "" : " ") + tables[i];
+  }
+  // what "-c" names otherwise: the host runs programs with four arguments at most
+  if (setenv("MAIL_CONFIG", kBuilderConfig, 1) != 0 ||
+      KLIBCExec(kPostmap, arguments[0], arguments[1], arguments[2], arguments[3]) < 0)
+    return failed(kPostmap, all);
   return "";
 }

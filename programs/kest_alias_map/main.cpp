@@ -16,6 +16,7 @@
 #include "common/alias_map.h"
 #include "common/alias_table.h"
 #include "common/postfix_map.h"
+#include "common/standard_streams.h"
 
 namespace {
 
@@ -44,6 +45,7 @@ int run() {
 }  // namespace
 
 int main(int argc, char **) {
+  keepStandardStreams();
   if (argc != 1) {
     std::cerr << "usage: " << kProgram << "\n  takes no arguments\n";
     return 2;

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "common/postfix_map.h"
+#include "common/standard_streams.h"
 #include "common/text.h"
 #include "common/users.h"
 #include "login_map.h"
@@ -52,6 +53,7 @@ int run() {
 }  // namespace
 
 int main(int argc, char **) {
+  keepStandardStreams();
   if (argc != 1) {
     std::cerr << "usage: " << kProgram << "\n  takes no arguments\n";
     return 2;

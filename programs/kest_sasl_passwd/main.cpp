@@ -22,6 +22,7 @@
 
 #include "common/host_name.h"
 #include "common/relay_login.h"
+#include "common/standard_streams.h"
 #include "common/text.h"
 
 namespace {
@@ -112,6 +113,7 @@ int run(const std::string &nextHop) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  keepStandardStreams();
   if (argc != 2) {
     std::cerr << "usage: " << kProgram
               << " NEXTHOP\n  NEXTHOP is \"[host]\" or \"[host]:port\"\n";

@@ -17,6 +17,7 @@
 #include <iostream>
 #include <stdexcept>
 
+#include "common/standard_streams.h"
 #include "common/text.h"
 #include "feed.h"
 #include "say.h"
@@ -131,6 +132,7 @@ int run(const Options &options) {
 }  // namespace
 
 int runCli(int argc, const char *const *argv) noexcept {
+  keepStandardStreams();
   try {
     Options options;
     CLI::App app("Feeds Postfix's log to the mail log's collector.", "mailfeed");

@@ -3,6 +3,12 @@
 // read it to the end, and the kernel tells a connection reset when a collector ends with
 // something unread. So a connection that ends well after our own end of it has arrived.
 //
+// Arrived is not stored: the collector stores between two connections. So an empty one
+// follows; when the same collector takes it, what came before is in its database, as far
+// as its cache time is 0. A collector that is told to end removes its socket and stores
+// all that it holds. One that is killed leaves its socket, and may have stored all or
+// nothing: the whole batch comes again.
+//
 // A collector that is busy is waited for without limit, until the feed is told to stop.
 
 #include "collector.h"
@@ -40,6 +46,14 @@ Descriptor connectTo(const std::string &path) {
   return fd;
 }
 
+// The process that listens; 0 when the kernel does not tell.
+pid_t listenerOf(int fd) {
+  ucred listener = {};
+  socklen_t size = sizeof(listener);
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &listener, &size) != 0) return 0;
+  return listener.pid;
+}
+
 }  // namespace
 
 bool Collector::send(const std::vector<Delivery> &deliveries) {
@@ -70,7 +84,26 @@ bool Collector::attempt(const std::vector<Delivery> &deliveries) {
   if (!fd.isOpen()) return false;
   for (const Delivery &delivery : deliveries)
     if (!write(fd.get(), makeRecord(delivery))) return false;
-  return shutdown(fd.get(), SHUT_WR) == 0 && awaitEnd(fd.get());
+  return awaitEnd(fd.get()) && awaitStored(listenerOf(fd.get()));
+}
+
+// Between closing its socket and removing it, a collector that ends looks like one that
+// was killed; so that is asked twice.
+bool Collector::awaitStored(pid_t listener) {
+  for (int refusals = 0; refusals < 2; stop_.wait(-1, 0, kFirstPause)) {
+    const Descriptor fd = connectTo(path_);
+    if (!fd.isOpen()) {
+      if (errno == ENOENT) return true;
+      if (errno != EAGAIN) ++refusals;
+    } else if (listenerOf(fd.get()) != listener) {
+      errno = ECONNRESET;  // what became of the other one cannot be known
+      return false;
+    } else if (awaitEnd(fd.get())) {
+      return true;
+    }
+    if (isOver()) return false;
+  }
+  return false;
 }
 
 bool Collector::write(int fd, const LogSocket &record) {
@@ -83,6 +116,7 @@ bool Collector::write(int fd, const LogSocket &record) {
 }
 
 bool Collector::awaitEnd(int fd) {
+  if (shutdown(fd, SHUT_WR) != 0) return false;
   for (;;) {
     if (!ready(fd, POLLIN)) return false;
     char byte;
@@ -97,6 +131,10 @@ bool Collector::ready(int fd, short events) {
   for (;;) {
     const Stop::Milliseconds longest = stop_.requested() ? stop_.grace() : Stop::kForever;
     if (stop_.wait(fd, events, longest)) return true;
-    if (stop_.requested() && stop_.grace() == Stop::Milliseconds(0)) return false;
+    if (isOver()) return false;
   }
+}
+
+bool Collector::isOver() const {
+  return stop_.requested() && stop_.grace() == Stop::Milliseconds(0);
 }

@@ -3,6 +3,8 @@
 #ifndef POSTWELL_MAILFEED_COLLECTOR_H_
 #define POSTWELL_MAILFEED_COLLECTOR_H_
 
+#include <sys/types.h>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -21,7 +23,7 @@ class Collector {
   Collector(std::string path, Stop &stop, std::function<void()> onAway)
       : path_(std::move(path)), stop_(stop), onAway_(std::move(onAway)) {}
 
-  // Hands the deliveries over on one connection, and waits until the collector has taken
+  // Hands the deliveries over on one connection, and waits until the collector has stored
   // all; while it is away, tries again and again. False when told to stop before that:
   // then none of them may be counted as sent, although some may have arrived.
   bool send(const std::vector<Delivery> &deliveries);
@@ -32,7 +34,9 @@ class Collector {
   bool attempt(const std::vector<Delivery> &deliveries);
   bool write(int fd, const LogSocket &record);
   bool awaitEnd(int fd);
+  bool awaitStored(pid_t listener);
   bool ready(int fd, short events);
+  bool isOver() const;
   void tell(bool away);
 
   const std::string path_;

@@ -71,7 +71,7 @@ void Feed::restore() {
     position.reset();
   }
   log_ = std::make_unique<LogFollower>(files_.log, position);
-  savedLines_ = shownLines_ = reader_.counters().lines;
+  savedLines_ = reader_.counters().lines;
 }
 
 void Feed::run() {
@@ -126,11 +126,11 @@ void Feed::saveIfDue(bool due) {
 }
 
 void Feed::showStatus() {
-  const uint64_t lines = reader_.counters().lines;
-  if (lines == shownLines_ && !collector_.isAway()) return;
-  shownLines_ = lines;
   const Status status = {files_.log, log_->lastLine(), &reader_, waiting_.size(),
                          collector_.isAway()};
+  std::string text = statusText(status);
+  if (text == shown_) return;
   // Without effect on the records; when the disk is full, saving the state says so.
-  (void)replaceFile(statusOf(files_.state), statusText(status), 0640, false);
+  (void)replaceFile(statusOf(files_.state), text, 0640, false);
+  shown_ = std::move(text);
 }

@@ -47,7 +47,7 @@ class Feed {
   std::vector<Delivery> waiting_;
   uint64_t savedLines_ = 0;  // lines read when the state was saved last
   uint64_t savedInode_ = 0;  // the file that was read then
-  uint64_t shownLines_ = 0;  // the same for the status
+  std::string shown_;        // the status, as it was written last
   std::string saveFailure_;  // "" while saving works
 };
 

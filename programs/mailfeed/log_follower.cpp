@@ -5,7 +5,8 @@
 // Which file follows a rotated one is told by the times of last change, since names are
 // shifted (.1, .2) or dated. The log itself comes last, and only when it has something to
 // read: until then its writer may still be writing to the old file. The old file is read
-// to its end once more after that.
+// to its end once more after that. A file that was read before does not follow, though
+// somebody has copied or touched it since.
 
 #include "log_follower.h"
 
@@ -23,7 +24,8 @@
 namespace {
 
 constexpr size_t kChunk = 65536;
-constexpr size_t kKept = 1024;  // bytes before the next line
+constexpr size_t kKept = 1024;     // bytes before the next line
+constexpr size_t kFinished = 100;  // files; who keeps more rotated ones touches none
 
 // Reads up to `size` bytes at `offset`; "" at the end of the file or on failure.
 std::string readAt(int fd, uint64_t offset, size_t size) {
@@ -34,6 +36,15 @@ std::string readAt(int fd, uint64_t offset, size_t size) {
   } while (length < 0 && errno == EINTR);
   bytes.resize(length < 0 ? 0 : static_cast<size_t>(length));
   return bytes;
+}
+
+std::string readBefore(int fd, uint64_t offset) {
+  const auto length = static_cast<size_t>(std::min<uint64_t>(offset, kKept));
+  return readAt(fd, offset - length, length);
+}
+
+Descriptor openToRead(const std::string &path) {
+  return Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
 }
 
 // Whether rotation makes the log of this name one of that name: "maillog" and
@@ -60,7 +71,16 @@ bool LogFollower::File::isNewerThan(const File &other) const {
 
 LogFollower::LogFollower(const std::string &path, const std::optional<Position> &position)
     : path_(realPath(path)) {
-  if (position) resume(*position);
+  if (position) {
+    finished_ = position->finished;
+    resume(*position);
+    return;
+  }
+  for (const File &file : rotated()) {
+    const auto size = static_cast<uint64_t>(file.status.st_size);
+    if (const Descriptor fd = openToRead(file.path); fd.isOpen())
+      finish({size, fingerprintOf(readBefore(fd.get(), size))});
+  }
 }
 
 bool LogFollower::next(std::string_view *line) {
@@ -71,7 +91,9 @@ bool LogFollower::next(std::string_view *line) {
     if (!following) return false;
     if (fill()) continue;  // written before the other file was
     if (takeRest(line)) return true;
+    const Mark end = mark();
     if (!open(*following)) return false;
+    finish(end);
   }
 }
 
@@ -122,9 +144,11 @@ std::string_view LogFollower::justRead() const {
   return std::string_view(buffer_).substr(start_ - length, length);
 }
 
+Mark LogFollower::mark() const { return {base_ + start_, fingerprintOf(justRead())}; }
+
 Position LogFollower::position() const {
-  return {file_.status.st_dev, file_.status.st_ino, base_ + start_,
-          fingerprintOf(justRead()), file_.status.st_mtime};
+  return {file_.status.st_dev, file_.status.st_ino, mark(), file_.status.st_mtime,
+          finished_};
 }
 
 std::string_view LogFollower::lastLine() const {
@@ -153,7 +177,7 @@ void LogFollower::resume(const Position &position) {
   for (const File &file : files)
     if (openAt(position, file)) return;
 
-  if (position.offset > 0)
+  if (position.mark.offset > 0)
     say(LOG_WARNING,
         "the file that was " + path_ + " is gone; lines of it may be missing");
   File lost;
@@ -168,24 +192,22 @@ void LogFollower::resume(const Position &position) {
 
 bool LogFollower::openAt(const Position &position, const File &file) {
   const bool isFile = file.is(position.device, position.inode);
-  if (position.offset == 0) return isFile && open(file);
-  if (static_cast<uint64_t>(file.status.st_size) < position.offset) return false;
-  Descriptor fd(::open(file.path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (position.mark.offset == 0) return isFile && open(file);
+  if (static_cast<uint64_t>(file.status.st_size) < position.mark.offset) return false;
+  Descriptor fd = openToRead(file.path);
   if (!fd.isOpen()) return false;
-  const auto length = static_cast<size_t>(std::min<uint64_t>(position.offset, kKept));
-  std::string before = readAt(fd.get(), position.offset - length, length);
-  if (before.size() != length || fingerprintOf(before) != position.fingerprint)
-    return false;
+  std::string before = readBefore(fd.get(), position.mark.offset);
+  if (fingerprintOf(before) != position.mark.fingerprint) return false;
   fd_ = std::move(fd);
   file_ = file;
-  base_ = position.offset - length;
+  base_ = position.mark.offset - before.size();
   start_ = before.size();
   buffer_ = std::move(before);
   return true;
 }
 
 bool LogFollower::open(const File &file) {
-  Descriptor fd(::open(file.path.c_str(), O_RDONLY | O_CLOEXEC));
+  Descriptor fd = openToRead(file.path);
   if (!fd.isOpen() || fstat(fd.get(), &file_.status) != 0) {
     say(LOG_ERR, because("cannot read " + file.path, errno));
     return false;
@@ -209,9 +231,25 @@ std::optional<LogFollower::File> LogFollower::oldestSince(const File &file) cons
   std::optional<File> oldest;
   for (const File &other : rotated())
     if (!other.is(file) && other.isNewerThan(file) &&
-        (!oldest || oldest->isNewerThan(other)))
+        (!oldest || oldest->isNewerThan(other)) && !isFinished(other))
       oldest = other;
   return oldest;
+}
+
+// What cannot be read is asked about again, and told, when it is opened.
+bool LogFollower::isFinished(const File &file) const {
+  const Descriptor fd = openToRead(file.path);
+  return fd.isOpen() &&
+         std::any_of(finished_.begin(), finished_.end(), [&](const Mark &end) {
+           return end.offset == static_cast<uint64_t>(file.status.st_size) &&
+                  fingerprintOf(readBefore(fd.get(), end.offset)) == end.fingerprint;
+         });
+}
+
+void LogFollower::finish(const Mark &end) {
+  if (end.offset == 0) return;  // nothing to know it by
+  if (finished_.size() == kFinished) finished_.erase(finished_.begin());
+  finished_.push_back(end);
 }
 
 std::optional<LogFollower::File> LogFollower::look(const std::string &path) {

@@ -13,13 +13,19 @@
 
 #include "descriptor.h"
 
+// A place in a text, and what stands before it.
+struct Mark {
+  uint64_t offset = 0;
+  uint64_t fingerprint = 0;  // of the bytes before that, 1024 at most
+};
+
 // A place in a log file, and what tells that file from others.
 struct Position {
   uint64_t device = 0;
   uint64_t inode = 0;
-  uint64_t offset = 0;       // where the next line begins
-  uint64_t fingerprint = 0;  // of the bytes before that, 1024 at most
-  int64_t written = 0;       // when the file was written to last, as far as is known
+  Mark mark;                   // where the next line begins
+  int64_t written = 0;         // when the file was written to last, as far as is known
+  std::vector<Mark> finished;  // ends of other files that need not be read (again)
 };
 
 // The path without symbolic links, as far as it exists.
@@ -29,7 +35,8 @@ class LogFollower {
  public:
   // `path` names the log; what rotation makes of it is called `path`, a "." or "-", and
   // digits. Goes on from the position, which may be in one of those by now; without one
-  // begins with the first line of the log. No file need exist yet.
+  // begins with the first line of the log, and never reads what was rotated before. No
+  // file need exist yet.
   LogFollower(const std::string &path, const std::optional<Position> &position);
 
   // The next whole line without its newline; it stays valid until the next call. False
@@ -65,6 +72,8 @@ class LogFollower {
 
   static std::optional<File> look(const std::string &path);
   std::vector<File> rotated() const;
+  bool isFinished(const File &file) const;
+  void finish(const Mark &end);
 
   void resume(const Position &position);
   bool openAt(const Position &position, const File &file);
@@ -76,6 +85,7 @@ class LogFollower {
   bool takeLine(std::string_view *line);
   bool takeRest(std::string_view *line);
   std::string_view justRead() const;
+  Mark mark() const;
 
   const std::string path_;
   File file_;  // the one that is being read
@@ -83,6 +93,7 @@ class LogFollower {
   std::string buffer_;  // some bytes before the next line, and what was read ahead
   uint64_t base_ = 0;   // where in the file the buffer begins
   size_t start_ = 0;    // where in the buffer the next line begins
+  std::vector<Mark> finished_;
 };
 
 #endif  // POSTWELL_MAILFEED_LOG_FOLLOWER_H_

@@ -2,6 +2,7 @@
 //
 //   mailfeed-state 1
 //   log      DEVICE INODE OFFSET FINGERPRINT WRITTEN
+//   read     OFFSET FINGERPRINT                               end of another log file
 //   count    LINES NOT-UNDERSTOOD SENT FORGOTTEN LAST-TIME CLOCK
 //   message  QUEUE-ID SEEN ACTIVE SIZE MESSAGE-ID FROM        in the order of `seen`
 //   to       RECIPIENT                                        deferred, of that message
@@ -122,8 +123,10 @@ std::string stateText(const Position &position, const LogReader &reader) {
   const Counters &count = reader.counters();
   const Messages &messages = reader.messages();
   std::string text = kHeader;
-  addLine(&text, "log", position.device, position.inode, position.offset,
-          position.fingerprint, position.written);
+  addLine(&text, "log", position.device, position.inode, position.mark.offset,
+          position.mark.fingerprint, position.written);
+  for (const Mark &end : position.finished)
+    addLine(&text, "read", end.offset, end.fingerprint);
   addLine(&text, "count", count.lines, count.notUnderstood, count.sent,
           messages.forgotten(), count.lastTime, messages.clock());
   for (const Message *const each : messages.all()) {
@@ -146,8 +149,11 @@ bool parseState(std::string_view text, Position *position, LogReader *reader) {
     const std::string_view name = takeUntil(&words, '\t');
     bool good = false;
     if (name == "log") {
-      good = parseLine(words, &position->device, &position->inode, &position->offset,
-                       &position->fingerprint, &position->written);
+      good = parseLine(words, &position->device, &position->inode, &position->mark.offset,
+                       &position->mark.fingerprint, &position->written);
+    } else if (name == "read") {
+      Mark &end = position->finished.emplace_back();
+      good = parseLine(words, &end.offset, &end.fingerprint);
     } else if (name == "count") {
       good = parseCounters(words, reader);
     } else if (name == "message") {

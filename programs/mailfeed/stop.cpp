@@ -17,8 +17,7 @@ constexpr std::chrono::seconds kGrace(5);
 Descriptor openSignals() {
   sigset_t signals;
   sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, signal);
   if (sigprocmask(SIG_BLOCK, &signals, nullptr) != 0)
     throw std::system_error(errno, std::generic_category(), "cannot block signals");
   const int fd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);

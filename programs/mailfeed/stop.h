@@ -1,4 +1,4 @@
-// SIGTERM and SIGINT, noticed wherever the feed waits.
+// SIGTERM, SIGINT and SIGHUP, noticed wherever the feed waits.
 
 #ifndef POSTWELL_MAILFEED_STOP_H_
 #define POSTWELL_MAILFEED_STOP_H_

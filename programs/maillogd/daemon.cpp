@@ -22,6 +22,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -47,7 +48,9 @@ int complainErrno(const std::string &what) {
 // ---- stopping
 
 constexpr unsigned int kPatienceSeconds = 2;
+constexpr rlim_t kMostDescriptors = 1 << 20;  // may be open; all are cut off at the end
 volatile sig_atomic_t stopping = 0;
+volatile sig_atomic_t descriptors = FD_SETSIZE;  // no open one is as high
 
 // The alarm comes back here until the loop has noticed: a signal that arrives just
 // before a wait begins does not end the wait. A sender who goes on and on is cut off
@@ -55,7 +58,7 @@ volatile sig_atomic_t stopping = 0;
 extern "C" void stop(int signal) {
   stopping = 1;
   if (signal == SIGALRM)
-    for (int fd = STDERR_FILENO + 1; fd < FD_SETSIZE; ++fd) shutdown(fd, SHUT_RD);
+    for (int fd = STDERR_FILENO + 1; fd < descriptors; ++fd) shutdown(fd, SHUT_RD);
   alarm(kPatienceSeconds);
 }
 
@@ -101,8 +104,9 @@ class PidFile {
 void allowManyFiles() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
-  limit.rlim_cur = limit.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &limit);  // refused, it stays as it was
+  limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, kMostDescriptors);
+  if (setrlimit(RLIMIT_NOFILE, &limit) == 0)  // refused, it stays as it was
+    descriptors = static_cast<sig_atomic_t>(limit.rlim_cur);
 }
 
 // Until here nobody else could connect: the umask saw to it.
@@ -172,11 +176,11 @@ int serveInBackground(const DaemonOptions &options) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) return complainErrno("pipe");
   const Descriptor word(ends[0]);
-  std::optional<Descriptor> ready(ends[1]);
   const pid_t child = fork();
   if (child < 0) return complainErrno("fork");
-  if (child == 0) return serve(options, ready->get());
-  ready.reset();  // the read ends with the last one who could write
+  // the other end stays open there to the very end, when the lock is free again
+  if (child == 0) return serve(options, ends[1]);
+  close(ends[1]);  // the read ends with the last one who could write
   char byte;
   return read(word.get(), &byte, 1) == 1 ? 0 : 1;
 }

@@ -11,7 +11,7 @@
 struct DaemonOptions {
   bool background = false;
   std::string pidFile = "/run/postwell/maillogd.pid";  // absolute
-  int cacheTime = 10;                                  // seconds
+  int cacheTime = 0;                                   // seconds; senders gather already
   int rotateThreshold = 100'000;                       // rows
   std::optional<gid_t> group;                          // may connect besides root
 };

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <iostream>
 
+#include "common/standard_streams.h"
 #include "common/text.h"
 #include "daemon.h"
 
@@ -56,6 +57,7 @@ int run(int argc, const char *const *argv) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  keepStandardStreams();
   try {
     return run(argc, argv);
   } catch (const std::exception &error) {

@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "command.h"
+#include "common/standard_streams.h"
 #include "common/text.h"
 #include "nouns.h"
 
@@ -32,6 +33,12 @@ int run(int argc, const char *const *argv) {
   addAlias(app);
   addDomain(app);
   addLog(app);
+  addAccess(app);
+  addBcc(app);
+  addSpamLists(app);
+  addSpam(app);
+  addDnsbl(app);
+  addSecurity(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {
@@ -43,6 +50,7 @@ int run(int argc, const char *const *argv) {
 }  // namespace
 
 int runCli(int argc, const char *const *argv) noexcept {
+  keepStandardStreams();
   try {
     const int status = run(argc, argv);
     if (std::cout.flush()) return status;

@@ -85,16 +85,18 @@ CLI::App &addNoun(CLI::App &app, const std::string &name, const std::string &hel
 
 CLI::App &addReader(CLI::App &noun, const std::string &verb, const std::string &help,
                     const std::function<Values()> &read,
-                    const std::function<void(const Values &)> &print) {
+                    const std::function<void(const Values &)> &print,
+                    const std::function<void(const Values &)> &judge) {
   CLI::App *const command = noun.add_subcommand(verb, help);
   const CLI::Option *const json =
       command->add_flag("--json", "As JSON, with keys that never change");
-  command->callback([read, print, json] {
+  command->callback([read, print, judge, json] {
     const Values values = read();
     if (json->count() > 0)
       std::cout << asJson(values, 2) << '\n';
     else
       print(values);
+    if (judge) judge(values);
   });
   return *command;
 }

@@ -53,10 +53,11 @@ void requireSubcommand(CLI::App &command);
 CLI::App &addNoun(CLI::App &app, const std::string &name, const std::string &help);
 
 // Adds a verb that takes "--json" and prints what `read` returns: as JSON, or for the
-// eye by `print`.
+// eye by `print`. Behind that, `judge` may fail for what was printed.
 CLI::App &addReader(CLI::App &noun, const std::string &verb, const std::string &help,
                     const std::function<Values()> &read,
-                    const std::function<void(const Values &)> &print);
+                    const std::function<void(const Values &)> &print,
+                    const std::function<void(const Values &)> &judge = nullptr);
 
 // Adds "show", which prints the settings that `read` returns, one a line.
 void addShow(CLI::App &noun, const std::function<Values()> &read);

@@ -13,8 +13,10 @@
 
 #include "command.h"
 #include "common/text.h"
+#include "log_archives.h"
 #include "log_files.h"
 #include "log_query.h"
+#include "log_state.h"
 #include "log_stats.h"
 #include "moment.h"
 #include "nouns.h"
@@ -48,23 +50,10 @@ struct Query {
 
 // ---- why there is nothing
 
-void tell(const std::string &text) { std::cerr << "postwell: " << text << '\n'; }
-
-void tellDaemons() {
-  if (!isRunning("/run/postwell/maillogd.pid", "maillogd"))
-    tell("maillogd is not running, so nothing is stored.");
-  if (!isRunning("/run/postwell/mailfeed/mailfeed.pid", "mailfeed"))
-    tell("mailfeed is not running, so nothing new comes in.");
-}
-
-void tellWhatThereIs(const Query &query) {
-  Page last;
-  last.descending = true;
-  last.limit = 1;
-  const auto entries = query.logs().entries({}, last);
-  if (!entries.empty())
-    return tell("no entry is like that; the last one is of " +
-                localTime(timeOf(entries[0])) + ".");
+void tellWhatThereIs(const Query &query, LogQuery &logs) {
+  const std::optional<time_t> last = logs.lastTime();
+  if (last)
+    return tell("no entry is like that; last record at " + localTime(*last) + ".");
   const size_t saved = savedLogs().size();
   tell(query.all || saved == 0 || !query.archive.empty()
            ? "the log is empty."
@@ -72,10 +61,13 @@ void tellWhatThereIs(const Query &query) {
                  " can be read with --all.");
 }
 
-// `isEmpty`: the query has found nothing.
-void explain(const Query &query, bool isEmpty) {
-  if (isEmpty) tellWhatThereIs(query);
-  if (query.archive.empty()) tellDaemons();
+// Says why there is nothing (`isEmpty`) or nothing new; then fails if a log was left out.
+void conclude(const Query &query, LogQuery &logs, bool isEmpty) {
+  if (isEmpty) tellWhatThereIs(query, logs);
+  if (query.archive.empty() && tellDaemons() && !isEmpty)
+    if (const std::optional<time_t> last = logs.lastTime())
+      tell("last record at " + localTime(*last) + ".");
+  logs.failIfIncomplete();
 }
 
 // ---- entries
@@ -97,9 +89,9 @@ void printEntry(const MailLogInfo &entry) {
     return text.empty() ? "<>" : printable(text);
   };
   std::cout << localTime(timeOf(entry)) << "  " << std::left << std::setw(8)
-            << statusWord(entry.status) << std::right << std::setw(10) << entry.mailSize
-            << "  " << address(entry.strMailFrom) << " -> " << address(entry.strMailTo)
-            << "  " << printable(entry.strMessageID) << '\n';
+            << statusWord(entry.status) << ' ' << std::right << std::setw(9)
+            << entry.mailSize << "  " << address(entry.strMailFrom) << " -> "
+            << address(entry.strMailTo) << "  " << printable(entry.strMessageID) << '\n';
 }
 
 void printEntries(const std::vector<MailLogInfo> &entries, bool json) {
@@ -118,50 +110,28 @@ void printEntries(const std::vector<MailLogInfo> &entries, bool json) {
 
 // `hint`: the number of entries was not asked for, so tell when there are more.
 void list(const Query &query, bool hint) {
+  LogQuery logs = query.logs();
   Page page = query.page;
   if (hint) page.limit++;
-  auto entries = query.logs().entries(query.conditions, page);
+  auto entries = logs.entries(query.conditions, page);
   const bool isMore = hint && entries.size() == static_cast<size_t>(page.limit);
   if (isMore) entries.pop_back();
   printEntries(entries, query.json);
   if (isMore)
     tell("there are more; --limit and --offset show them, --desc begins at the end.");
-  explain(query, entries.empty() && page.limit != 0);
+  const bool isNothing = entries.empty() && page.limit != 0;
+  const long skipped = isNothing && page.offset > 0 ? logs.count(query.conditions) : 0;
+  if (skipped > 0)
+    tell("--offset is beyond the end; there are only " + std::to_string(skipped) + ".");
+  conclude(query, logs, isNothing && skipped == 0);
 }
 
 void count(const Query &query) {
-  const long number = query.logs().count(query.conditions);
+  LogQuery logs = query.logs();
+  const long number = logs.count(query.conditions);
   std::cout << (query.json ? jsonLine({{"count", number}}) : std::to_string(number))
             << '\n';
-  explain(query, number == 0);
-}
-
-void listArchives(bool json) {
-  const char *before = "[\n  ";
-  const std::vector<std::string> names = savedLogs();
-  for (const std::string &name : names) {
-    const LogQuery log(LogQuery::kSaved, name);
-    Page first, last;
-    first.limit = last.limit = 1;
-    last.descending = true;
-    const auto oldest = log.entries({}, first), newest = log.entries({}, last);
-    const auto timeIn = [](const auto &entries, std::string (*text)(time_t)) {
-      return entries.empty() ? "" : text(timeOf(entries[0]));
-    };
-    const long number = log.count({});
-    if (json)
-      std::cout << before
-                << jsonLine({{"name", name},
-                             {"entries", number},
-                             {"first", timeIn(oldest, utcTime)},
-                             {"last", timeIn(newest, utcTime)}});
-    else
-      std::cout << name << std::setw(10) << number << "  " << timeIn(oldest, localTime)
-                << " to " << timeIn(newest, localTime) << '\n';
-    before = ",\n  ";
-  }
-  if (json) std::cout << (names.empty() ? "[]\n" : "\n]\n");
-  if (names.empty()) tell("there is no saved log.");
+  conclude(query, logs, number == 0);
 }
 
 void confirmClearing() {
@@ -293,7 +263,7 @@ void addOthers(CLI::App &noun) {
   CLI::App &archives = *noun.add_subcommand("archives", "List the saved logs");
   const CLI::Option *const json =
       archives.add_flag("--json", "As JSON, with keys that never change");
-  archives.callback([json] { listArchives(json->count() > 0); });
+  archives.callback([json] { listLogArchives(json->count() > 0); });
 
   CLI::App &clearing =
       *noun.add_subcommand("clear", "Remove all entries of the live log");

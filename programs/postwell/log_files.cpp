@@ -12,11 +12,9 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iostream>
 #include <regex>
 
-#include "command.h"
+#include "log_state.h"
 
 namespace {
 
@@ -26,16 +24,16 @@ const std::string kStatistics = "/var/packages/Postwell/etc/log_statistic.db";
 
 std::string pathOf(const std::string &name) { return kLogFolder + name; }
 
+std::string cannotOpen(const std::string &path, const FileWatch &file) {
+  return "cannot open " + path + ": " + strerror(file.error()) + ".\nRun as root.";
+}
+
 }  // namespace
 
 // ---- FileWatch
 
 FileWatch::FileWatch(const std::string &path)
-    : fd_(::open(path.c_str(), O_RDWR | O_CLOEXEC)) {
-  if (fd_ >= 0 || errno == ENOENT) return;
-  const std::string reason = strerror(errno);
-  throw Failure(kFailed, "cannot open " + path + ": " + reason + ".\nRun as root.");
-}
+    : fd_(::open(path.c_str(), O_RDWR | O_CLOEXEC)), error_(fd_ < 0 ? errno : 0) {}
 
 FileWatch::~FileWatch() {
   if (fd_ >= 0) close(fd_);
@@ -57,33 +55,35 @@ bool FileWatch::isGone() const {
 
 LogFile::LogFile(const std::string &name)
     : name_(name), file_(pathOf(name)), statistics_(kStatistics) {
-  if (!file_.isOpen()) return;
-  if (!statistics_.isOpen())
+  if (file_.error() == ENOENT) return;
+  if (file_.error() != 0) throw BadLog(cannotOpen(pathOf(name), file_));
+  if (statistics_.error() == ENOENT)
     throw Failure(kFailed, kStatistics +
                                " is missing, without which no log\n"
                                "can be read; maillogd makes it when it starts.");
+  if (statistics_.error() != 0)
+    throw Failure(kFailed, cannotOpen(kStatistics, statistics_));
   log_.emplace(pathOf(name).c_str());
   if (log_->error() != 0)
-    throw Failure(kFailed, "cannot open " + pathOf(name) + "; the system log tells why.");
+    throw BadLog("cannot open " + pathOf(name) + "; the system log tells why.");
 }
 
 std::unique_ptr<LogFile> LogFile::open(const std::string &name) {
   constexpr int kMostTries = 10;
   for (int tries = 0; tries < kMostTries; tries++) {
     std::unique_ptr<LogFile> file(new LogFile(name));
-    if (!file->file_.isOpen()) return nullptr;
+    if (file->file_.error() == ENOENT) return nullptr;
     // else it was moved aside meanwhile, and the library may have opened the next one
     if (file->file_.isAt(pathOf(name))) return file;
   }
-  throw Failure(kFailed, pathOf(name) + " is being replaced; try again.");
+  throw BadLog(pathOf(name) + " is being replaced; try again.");
 }
 
 void LogFile::tellDamage() const {
   for (const auto &[watch, path] :
        {std::pair(&file_, pathOf(name_)), std::pair(&statistics_, kStatistics)})
     if (watch->isGone())
-      std::cerr << "postwell: " << path
-                << " was damaged and has been\nmade anew; what it held is lost.\n";
+      tell(path + " was damaged and has been\nmade anew; what it held is lost.");
 }
 
 // ---- the folder
@@ -91,22 +91,15 @@ void LogFile::tellDamage() const {
 std::vector<std::string> savedLogs() {
   static const std::regex kForm("maillog_[0-9]{8}(_1)*\\.db");
   std::vector<std::string> names;
-  std::error_code missing;  // there is no log then
-  for (const fs::directory_entry &entry : fs::directory_iterator(kLogFolder, missing)) {
+  std::error_code error;
+  const fs::directory_iterator folder(kLogFolder, error);
+  if (error && error != std::errc::no_such_file_or_directory)  // then there is no log
+    throw Failure(kFailed, std::string("cannot open ") + kLogFolder + ": " +
+                               error.message() + ".\nRun as root.");
+  for (const fs::directory_entry &entry : folder) {
     const std::string name = entry.path().filename();
     if (std::regex_match(name, kForm)) names.push_back(name);
   }
   std::sort(names.begin(), names.end());  // "." comes before "_"
   return names;
-}
-
-// ---- the daemons
-
-bool isRunning(const std::string &pidFile, const std::string &program) {
-  std::ifstream file(pidFile);
-  long pid = 0;
-  if (!(file >> pid) || pid <= 0) return false;
-  std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
-  std::string name;
-  return std::getline(comm, name) && name == program;
 }

@@ -10,31 +10,39 @@
 #include <string>
 #include <vector>
 
+#include "command.h"
+
 inline constexpr char kLogFolder[] = "/var/packages/Postwell/target/etc/maillog/";
 inline constexpr char kLiveLog[] = "maillog.db";
+
+// Something is wrong with one log; others may be sound.
+class BadLog : public Failure {
+ public:
+  explicit BadLog(const std::string &text) : Failure(kFailed, text) {}
+};
 
 // A file's descriptor. It tells afterwards what became of the file, and is closed when
 // SQLite is done with it: closing it before would drop SQLite's locks.
 class FileWatch {
  public:
-  // Not open when there is no such file; fails when it may not be used.
   explicit FileWatch(const std::string &path);
   ~FileWatch();
   FileWatch(const FileWatch &) = delete;
   FileWatch &operator=(const FileWatch &) = delete;
 
-  bool isOpen() const { return fd_ >= 0; }
+  int error() const { return error_; }       // why it is not open, as errno tells
   bool isAt(const std::string &path) const;  // whether it is the file of this name
   bool isGone() const;                       // it was removed, not just renamed
 
  private:
   int fd_;
+  int error_;
 };
 
 // One log with the statistics.
 class LogFile {
  public:
-  // Null when there is no such log.
+  // Null when there is no such log; throws BadLog when it cannot be opened.
   static std::unique_ptr<LogFile> open(const std::string &name);
 
   MailLog &log() { return *log_; }
@@ -54,8 +62,5 @@ class LogFile {
 
 // The names of the saved logs in the order of time.
 std::vector<std::string> savedLogs();
-
-// Whether the process that a pid file names is alive and runs this program.
-bool isRunning(const std::string &pidFile, const std::string &program);
 
 #endif  // POSTWELL_PROGRAMS_LOG_FILES_H_

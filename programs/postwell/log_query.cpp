@@ -13,6 +13,7 @@
 
 #include "command.h"
 #include "common/text.h"
+#include "log_state.h"
 
 namespace {
 
@@ -51,11 +52,11 @@ std::string withoutBrackets(const std::string &id) {
   return has ? id.substr(1, id.size() - 2) : id;
 }
 
-LogFilter filterFor(const Conditions &wanted, const Page &page, int limit) {
+LogFilter filterFor(const Conditions &wanted, const Page &page) {
   LogFilter filter;
   filter.select = "*";
-  filter.start = 0;
-  filter.limit = limit;
+  filter.start = page.offset;
+  filter.limit = page.limit;
   filter.orderDir = page.descending ? "desc" : "asc";
   filter.orderType = page.column;
   filter.messageID = narrowed(wanted.wholeMessageID ? withoutBrackets(wanted.messageID)
@@ -71,19 +72,29 @@ LogFilter filterFor(const Conditions &wanted, const Page &page, int limit) {
 }
 
 [[noreturn]] void failOn(const LogFile &file) {
-  throw Failure(kFailed, std::string("cannot read ") + kLogFolder + file.name() +
-                             "; the system log tells why.");
+  throw BadLog(std::string("cannot read ") + kLogFolder + file.name() +
+               "; the system log tells why.");
 }
 
-Entries fetch(LogFile &file, const Conditions &wanted, const Page &page, int limit) {
+// The page of what the library finds.
+Entries fetch(LogFile &file, const Conditions &wanted, const Page &page) {
   Entries found;
-  const int result =
-      wanted.key.empty()
-          ? file.log().load(filterFor(wanted, page, limit), found)
-          : file.log().search(limit, 0, page.column, page.descending ? "desc" : "asc",
-                              narrowed(wanted.key), found);
+  const int result = wanted.key.empty()
+                         ? file.log().load(filterFor(wanted, page), found)
+                         : file.log().search(page.limit, page.offset, page.column,
+                                             page.descending ? "desc" : "asc",
+                                             narrowed(wanted.key), found);
   if (result != 0) failOn(file);
   return found;
+}
+
+const Page kEverything = {"date", false, -1, 0};
+
+// The time of a log's first or last entry.
+std::optional<time_t> endOf(LogFile &file, bool last) {
+  const Entries found = fetch(file, {}, {"date", last, 1, 0});
+  if (found.empty()) return std::nullopt;
+  return timeOf(found[0]);
 }
 
 // ---- sifting
@@ -151,14 +162,35 @@ time_t timeOf(const MailLogInfo &entry) {
   return timegm(&fields) - static_cast<time_t>(entry.date.tm_gmtoff);
 }
 
+// ---- which logs
+
+// Of all logs, leaves out those with which the work fails.
+template <class Work>
+void LogQuery::unlessBad(const std::string &name, Work work) {
+  if (leftOut_.count(name) > 0) return;
+  try {
+    work();
+  } catch (const BadLog &bad) {
+    if (which_ != kAll) throw;
+    tell(bad.what());
+    leftOut_.insert(name);
+  }
+}
+
+std::unique_ptr<LogFile> LogQuery::opened(const std::string &name) {
+  std::unique_ptr<LogFile> file;
+  unlessBad(name, [&] { file = LogFile::open(name); });
+  return file;
+}
+
 // Visits the logs that there are, with the oldest first unless told otherwise. The live
 // log is opened before the saved ones are listed: one that is moved aside meanwhile is
 // then among both, and left out once, instead of among neither.
 template <class Visit>
-void LogQuery::forEachLog(bool newestFirst, Visit visit) const {
-  const auto use = [&visit](LogFile *file) {
+void LogQuery::forEachLog(bool newestFirst, Visit visit) {
+  const auto use = [&](LogFile *file) {
     if (file == nullptr) return;
-    visit(*file);
+    unlessBad(file->name(), [&] { visit(*file); });
     file->tellDamage();
   };
   if (which_ == kSaved) {
@@ -166,9 +198,9 @@ void LogQuery::forEachLog(bool newestFirst, Visit visit) const {
     if (std::find(names.begin(), names.end(), name_) == names.end())
       throw Failure(kWrongUsage, "there is no saved log " + inQuotes(name_) +
                                      ".\n\"postwell log archives\" shows all of them.");
-    return use(LogFile::open(name_).get());
+    return use(opened(name_).get());
   }
-  const std::unique_ptr<LogFile> live = LogFile::open(kLiveLog);
+  const std::unique_ptr<LogFile> live = opened(kLiveLog);
   if (which_ == kLive) return use(live.get());
   std::vector<std::string> names = savedLogs();
   if (newestFirst) {
@@ -176,40 +208,50 @@ void LogQuery::forEachLog(bool newestFirst, Visit visit) const {
     std::reverse(names.begin(), names.end());
   }
   for (const std::string &name : names)
-    if (live == nullptr || !live->file().isAt(kLogFolder + name))
-      use(LogFile::open(name).get());
+    if (live == nullptr || !live->file().isAt(kLogFolder + name)) use(opened(name).get());
   if (!newestFirst) use(live.get());
 }
 
+// ---- the queries
+
+// The library leaves out the first entries where it alone decides: in one log, of which
+// it finds just what is wanted.
 std::vector<MailLogInfo> LogQuery::entries(const Conditions &conditions,
-                                           const Page &page) const {
+                                           const Page &page) {
   const bool exact = isExact(conditions);
+  const bool skips = exact && which_ != kAll;
   const auto most = static_cast<int>(
       page.limit < 0 ? -1
                      : std::min(int64_t{page.offset} + page.limit, int64_t{INT_MAX}));
+  Page asked = page;
+  if (!skips) {
+    asked.offset = 0;
+    asked.limit = exact ? most : -1;
+  }
   Entries all;
   forEachLog(page.descending, [&](LogFile &file) {
-    Entries found = fetch(file, conditions, page, exact ? most : -1);
+    Entries found = fetch(file, conditions, asked);
     if (!exact) found = sifted(std::move(found), conditions);
     all = merged(std::move(all), std::move(found), page);
     if (most >= 0 && all.size() > static_cast<size_t>(most))
       all.resize(static_cast<size_t>(most));
   });
+  if (skips) return all;
   const size_t skipped = std::min(all.size(), static_cast<size_t>(page.offset));
   all.erase(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(skipped));
   return all;
 }
 
-long LogQuery::count(const Conditions &conditions) const {
+long LogQuery::count(const Conditions &conditions) {
   const bool exact = isExact(conditions);
   long sum = 0;
   forEachLog(false, [&](LogFile &file) {
     if (!exact) {
-      sum +=
-          static_cast<long>(sifted(fetch(file, conditions, {}, -1), conditions).size());
+      sum += static_cast<long>(
+          sifted(fetch(file, conditions, kEverything), conditions).size());
       return;
     }
-    LogFilter filter = filterFor(conditions, {}, -1);
+    LogFilter filter = filterFor(conditions, kEverything);
     filter.select = "count(*)";
     std::string key = conditions.key;
     const int count =
@@ -218,4 +260,29 @@ long LogQuery::count(const Conditions &conditions) const {
     sum += count;
   });
   return sum;
+}
+
+std::optional<time_t> LogQuery::lastTime() {
+  std::optional<time_t> last;
+  forEachLog(true, [&](LogFile &file) {
+    const std::optional<time_t> here = endOf(file, true);
+    if (here && (!last || *here > *last)) last = here;
+  });
+  return last;
+}
+
+void LogQuery::failIfIncomplete() const {
+  if (leftOut_.empty()) return;
+  std::string text = "left out, because of the above:";
+  for (const std::string &name : leftOut_) text += ' ' + name;
+  throw Failure(kFailed, text);
+}
+
+LogSummary summaryOf(LogFile &file) {
+  LogSummary summary;
+  summary.entries = file.log().getLogNum();
+  if (summary.entries < 0) failOn(file);
+  summary.first = endOf(file, false);
+  summary.last = endOf(file, true);
+  return summary;
 }

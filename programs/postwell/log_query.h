@@ -5,7 +5,9 @@
 
 #include <maillog.h>
 
+#include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -33,22 +35,38 @@ struct Page {
 time_t timeOf(const MailLogInfo &entry);
 
 // The entries of the logs, which are in the order of time, or only their number. They
-// are opened one after the other; damage is told.
+// are opened one after the other; damage is told. One that cannot be read is a failure;
+// when all are asked for it is told, once, and the others are read.
 class LogQuery {
  public:
   // The live log, one saved log (its name is checked), or all.
   enum Which { kLive, kSaved, kAll };
   LogQuery(Which which, const std::string &name) : which_(which), name_(name) {}
 
-  std::vector<MailLogInfo> entries(const Conditions &conditions, const Page &page) const;
-  long count(const Conditions &conditions) const;
+  std::vector<MailLogInfo> entries(const Conditions &conditions, const Page &page);
+  long count(const Conditions &conditions);
+  std::optional<time_t> lastTime();  // of the last entry that there is
+
+  // Fails when a log was left out: the end of a command that has shown the others.
+  void failIfIncomplete() const;
 
  private:
   template <class Visit>
-  void forEachLog(bool newestFirst, Visit visit) const;
+  void forEachLog(bool newestFirst, Visit visit);
+  template <class Work>
+  void unlessBad(const std::string &name, Work work);
+  std::unique_ptr<LogFile> opened(const std::string &name);
 
   Which which_;
   std::string name_;
+  std::set<std::string> leftOut_;
 };
+
+// What one log holds.
+struct LogSummary {
+  long entries = 0;
+  std::optional<time_t> first, last;
+};
+LogSummary summaryOf(LogFile &file);
 
 #endif  // POSTWELL_PROGRAMS_LOG_QUERY_H_

@@ -13,6 +13,7 @@
 
 #include "command.h"
 #include "log_files.h"
+#include "log_state.h"
 #include "moment.h"
 #include "rules.h"
 
@@ -140,6 +141,7 @@ void show(const Options &options) {
     printCsv(intervals);
   else
     printTable(intervals, options.bars || isatty(STDOUT_FILENO) != 0);
+  tellDaemons();
 }
 
 }  // namespace

@@ -20,14 +20,22 @@ std::optional<time_t> fitting(int64_t moment) {
   return static_cast<time_t>(moment);
 }
 
+// mktime() fails with -1, which is a second before 1970 as well, and then leaves the
+// rest.
+std::optional<time_t> fromLocal(tm fields) {
+  fields.tm_isdst = -1;
+  fields.tm_wday = -1;
+  const time_t moment = mktime(&fields);
+  if (fields.tm_wday == -1) return std::nullopt;
+  return moment;
+}
+
 // When the local day that holds `fields` begins or, with its last second, ends.
 std::optional<time_t> endOfDay(tm fields, DayEnd end) {
   fields.tm_hour = fields.tm_min = fields.tm_sec = 0;
   fields.tm_mday += end == DayEnd::kLast ? 1 : 0;
-  fields.tm_isdst = -1;
-  const time_t start = mktime(&fields);
-  if (start == -1) return std::nullopt;
-  return end == DayEnd::kLast ? start - 1 : start;
+  const std::optional<time_t> start = fromLocal(fields);
+  return start && end == DayEnd::kLast ? fitting(int64_t{*start} - 1) : start;
 }
 
 std::optional<time_t> namedDay(time_t now, int daysAgo, DayEnd end) {
@@ -86,9 +94,7 @@ std::optional<time_t> fromCalendar(const std::smatch &match, DayEnd end) {
   if (!match[kTime].matched) return endOfDay(fields, end);
   if (match[kZone].matched)
     return fitting(int64_t{timegm(&fields)} - offsetOf(match[kZone].str()));
-  fields.tm_isdst = -1;
-  const time_t moment = mktime(&fields);
-  return moment == -1 ? std::nullopt : std::optional(moment);
+  return fromLocal(fields);
 }
 
 std::string formatted(const char *format, const tm &fields) {
@@ -101,7 +107,8 @@ std::string formatted(const char *format, const tm &fields) {
 std::optional<time_t> parseMoment(const std::string &text, time_t now, DayEnd end) {
   static const std::regex kCalendar(
       "([0-9]{4})-([0-9]{2})-([0-9]{2})"
-      "([t ]([0-9]{2}):([0-9]{2})(?::([0-9]{2}))?(?: ?(z|[-+][0-9]{2}:?[0-9]{2}))?)?");
+      "([t ]([0-9]{2}):([0-9]{2})(?::([0-9]{2}))?(?: "
+      "?(z|[-+]([01][0-9]|2[0-3]):?[0-5][0-9]))?)?");
   static const std::regex kAgo(
       "(-)?([0-9]{1,7}) ?(s|m|h|d|w|(?:second|minute|hour|day|week)s?)( ago)?");
   const std::string word = lowerCase(text);

@@ -14,5 +14,11 @@ void addProtocol(CLI::App &app);
 void addAlias(CLI::App &app);
 void addDomain(CLI::App &app);
 void addLog(CLI::App &app);
+void addAccess(CLI::App &app);
+void addBcc(CLI::App &app);
+void addSpamLists(CLI::App &app);
+void addSpam(CLI::App &app);
+void addDnsbl(CLI::App &app);
+void addSecurity(CLI::App &app);
 
 #endif  // POSTWELL_PROGRAMS_NOUNS_H_

@@ -101,6 +101,13 @@ Rule mailAddress() {
   });
 }
 
+Rule mailTarget() {
+  return makeRule("ADDRESS", [](std::string &value) -> std::string {
+    if (isMailAddress(value) || isMailAddress(value + "@localhost")) return "";
+    return wrong("must be a mail address or the name of an account", value);
+  });
+}
+
 Rule someText() {
   return makeRule("TEXT", [](std::string &value) -> std::string {
     return value.empty() ? "must not be empty" : "";
@@ -145,5 +152,47 @@ Rule byteCount() {
       return wrong("must be a number of bytes below 2048M such as 500, 10K or 5M", value);
     value = std::to_string(number * factor);
     return "";
+  });
+}
+
+Rule score() {
+  return makeRule("SCORE", [](std::string &value) -> std::string {
+    const std::string digits = value.substr(value.rfind('-', 0) == 0 ? 1 : 0);
+    const size_t point = std::min(digits.find('.'), digits.size());
+    const std::string whole = digits.substr(0, point), decimals = digits.substr(point);
+    if (!whole.empty() && whole.size() <= 4 && isMadeOf(digits, ".") &&
+        digits.find_first_not_of("0123456789.") == std::string::npos &&
+        decimals.size() != 1 && decimals.size() <= 3 && decimals.rfind('.') != 1)
+      return "";
+    return wrong("must be a number below 10000 with two decimals at most", value);
+  });
+}
+
+Rule subjectTag() {
+  return makeRule("TEXT", [](std::string &value) -> std::string {
+    constexpr size_t kLongest = 200;
+    const bool isPlain = !value.empty() && value.size() <= kLongest &&
+                         printable(value) == value && value.front() != ' ' &&
+                         value.back() != ' ';
+    return isPlain ? "" : wrong("must be 1 to 200 printable ASCII characters", value);
+  });
+}
+
+std::string ruleFileProblem(const std::string &name) {
+  constexpr char kEnd[] = ".cf";
+  constexpr size_t kLongest = 100;
+  if (name.size() <= sizeof kEnd - 1 || name.size() > kLongest ||
+      name.compare(name.size() - (sizeof kEnd - 1), std::string::npos, kEnd) != 0)
+    return "must end in .cf and have 100 characters at most";
+  if (name.front() == '.' || name.front() == '-' || !isMadeOf(name, "._-"))
+    return "must consist of letters, digits, and \".\", \"_\" or \"-\" behind the first";
+  if (name == "local.cf") return "is that of the spam filter's own settings";
+  return "";
+}
+
+Rule ruleFile() {
+  return makeRule("NAME", [](std::string &value) -> std::string {
+    const std::string problem = ruleFileProblem(value);
+    return problem.empty() ? "" : wrong(problem, value);
   });
 }

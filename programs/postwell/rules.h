@@ -25,9 +25,17 @@ Rule relayAccount();                    // fit for Postfix's password table, or 
 Rule domainName();                      // made small
 Rule aliasName();                       // a name that an alias can have
 Rule mailAddress();                     // such as bob@example.org
+Rule mailTarget();                      // the same, or the name of an account
 Rule someText();                        // not empty
 Rule oneOf(const std::vector<std::string> &words);  // becomes the word's index
 Rule moment(DayEnd end);                            // becomes seconds since the epoch
 Rule byteCount();                                   // also 10K and 5M
+Rule score();                                       // two decimals at most
+Rule subjectTag();                                  // printable ASCII
+Rule ruleFile();                                    // the name of one
+
+// What is wrong with the name of a rule file of the spam filter, in words that go on
+// behind "its name"; empty when nothing is.
+std::string ruleFileProblem(const std::string &name);
 
 #endif  // POSTWELL_PROGRAMS_RULES_H_

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <list>
@@ -13,12 +14,17 @@
 #include <vector>
 
 #include "DBHandler.h"
+#include "access.h"
 #include "alias.h"
+#include "bcc.h"
 #include "domain.h"
 #include "maillog.h"
 #include "maillogger.h"
 #include "receive_protocol.h"
+#include "security.h"
 #include "smtp.h"
+#include "spam.h"
+#include "spam_filter.h"
 #include "support/files.h"
 
 namespace {
@@ -141,6 +147,97 @@ struct DomainFields {
   std::list<std::string> domainList;
 };
 
+struct AccessInfoFields {
+  std::string name;
+  int status;
+  int type;
+  int nameType;
+};
+
+struct BlackWhiteFields {
+  std::string name;
+  int blackWhite;
+  int type;
+  int nameType;
+};
+
+struct BlackWhiteFilterFields {
+  int start;
+  int limit;
+  int type;
+  int blackWhite;
+  std::string select;
+  std::string searchKey;
+};
+
+struct SpamFields {
+  DBHandler *blackWhiteDB;
+  bool enableSpamassassin;
+  bool enableRewrite;
+  std::string rewriteSubject;
+  float requiredScore;
+  int reportMachanism;
+  bool useAutoLearn;
+  float learnThresholdSpam;
+  float learnThresholdNonSpam;
+  bool useAutoWhiteList;
+};
+
+struct SpamRuleFields {
+  std::string ruleName;
+  bool isEnable;
+};
+
+struct DNSBinfoFields {
+  std::string serverName;
+  int type;
+};
+
+struct DNSBLFields {
+  bool enableDNSBL;
+  std::list<DNSBinfo> dnsbList;
+};
+
+struct SecurityFields {
+  int spamCleanInterval;
+  bool enableAntiVirus;
+  Spam *spam;
+  DNSBL *dnsbl;
+};
+
+struct BccInfoFields {
+  std::string name;
+  std::string bccTo;
+  int type;
+};
+
+struct FilterFields {
+  int start;
+  int limit;
+  std::string type;
+  std::string key;
+};
+
+static_assert(sizeof(AccessInfo) == sizeof(AccessInfoFields));
+static_assert(sizeof(BccInfo) == sizeof(BccInfoFields));
+static_assert(sizeof(Filter) == sizeof(FilterFields));
+static_assert(sizeof(Access) == sizeof(void *));  // its handle
+static_assert(sizeof(BCC) == sizeof(void *));
+static_assert(sizeof(BlackWhite) == sizeof(BlackWhiteFields));
+static_assert(sizeof(BlackWhiteFilter) == sizeof(BlackWhiteFilterFields));
+static_assert(sizeof(Spam) == sizeof(SpamFields));
+static_assert(sizeof(SpamRule) == sizeof(SpamRuleFields));
+static_assert(offsetof(SpamRule, isEnable) == offsetof(SpamRuleFields, isEnable));
+static_assert(sizeof(DNSBinfo) == sizeof(DNSBinfoFields));
+static_assert(offsetof(DNSBinfo, type) == offsetof(DNSBinfoFields, type));
+static_assert(sizeof(DNSBL) == sizeof(DNSBLFields));
+static_assert(sizeof(Security) == sizeof(SecurityFields));
+static_assert(sizeof(DNSBType) == sizeof(int));
+static_assert(sizeof(BlackWhiteType) == sizeof(int));
+static_assert(sizeof(Type) == sizeof(int));
+static_assert(sizeof(NameType) == sizeof(int));
+static_assert(sizeof(AccessStatus) == sizeof(int));
+static_assert(sizeof(BccType) == sizeof(int));
 static_assert(sizeof(Relay) == sizeof(RelayFields));
 static_assert(sizeof(SMTP) == sizeof(SMTPFields));
 static_assert(sizeof(ReceiveProtocol) == sizeof(ReceiveProtocolFields));
@@ -313,6 +410,92 @@ TEST(Layout, MemberInfoIsNameAndType) {
   const auto &fields = reinterpret_cast<const MemberInfoFields &>(member);
   EXPECT_EQ(fields.name, "anna");
   EXPECT_EQ(fields.type, 3);
+}
+
+TEST(Layout, EveryFieldOfARuleStandsAtItsPlace) {
+  const AccessInfo access(TYPE_CLIENT, NAME_ADDRESS, "a", ACCESS_DISCARD);
+  const auto &fields = reinterpret_cast<const AccessInfoFields &>(access);
+  EXPECT_EQ(fields.name, "a");
+  EXPECT_EQ(fields.status, 3);
+  EXPECT_EQ(fields.type, 2);
+  EXPECT_EQ(fields.nameType, 1);
+  const BccInfo bcc(BCC_RECIPIENT, "a", "b");
+  const auto &bccFields = reinterpret_cast<const BccInfoFields &>(bcc);
+  EXPECT_EQ(bccFields.name, "a");
+  EXPECT_EQ(bccFields.bccTo, "b");
+  EXPECT_EQ(bccFields.type, 1);
+  const Filter filter = {1, 2, "all", "key"};
+  const auto &filterFields = reinterpret_cast<const FilterFields &>(filter);
+  EXPECT_EQ(filterFields.start, 1);
+  EXPECT_EQ(filterFields.limit, 2);
+  EXPECT_EQ(filterFields.type, "all");
+  EXPECT_EQ(filterFields.key, "key");
+}
+
+TEST(Layout, EveryFieldOfTheProtectionStandsAtItsPlace) {
+  const std::string settings = "/var/packages/Postwell/etc/postwell.conf";
+  writeFile(settings, "");
+  writeFile("/var/packages/Postwell/etc/spamlist.conf", "");
+  Security *const security = Security::getInstance();
+  remove(settings.c_str());  // the tests of other classes are without
+  ASSERT_NE(security, nullptr);
+  Spam *const spam = Spam::getInstance();
+  DNSBL *const dnsbl = DNSBL::getInstance();
+  const auto &fields = reinterpret_cast<const SecurityFields &>(*security);
+  security->setSpamCleanInterval(26);
+  EXPECT_EQ(fields.spamCleanInterval, 26);
+  security->setEnableAntiVirus(true);
+  EXPECT_TRUE(fields.enableAntiVirus);
+  EXPECT_EQ(fields.spam, spam);
+  EXPECT_EQ(fields.dnsbl, dnsbl);
+
+  const auto &lists = reinterpret_cast<const DNSBLFields &>(*dnsbl);
+  dnsbl->setEnableDNSBL(true);
+  EXPECT_TRUE(lists.enableDNSBL);
+  dnsbl->setDNSBList({{"a", RHSBL}});
+  EXPECT_EQ(lists.dnsbList, (std::list<DNSBinfo>{{"a", RHSBL}}));
+
+  const auto &filter = reinterpret_cast<const SpamFields &>(*spam);
+  EXPECT_NE(filter.blackWhiteDB, nullptr);
+  spam->setEnableSpamassassin(true);
+  EXPECT_TRUE(filter.enableSpamassassin);
+  spam->setEnableRewrite(true);
+  EXPECT_TRUE(filter.enableRewrite);
+  spam->setRewriteSubject("subject");
+  EXPECT_EQ(filter.rewriteSubject, "subject");
+  spam->setRequiredScore(27);
+  EXPECT_EQ(filter.requiredScore, 27.0f);
+  spam->setReportMachanism(28);
+  EXPECT_EQ(filter.reportMachanism, 28);
+  spam->setUseAutoLearn(true);
+  EXPECT_TRUE(filter.useAutoLearn);
+  spam->setSpamLearnThreshold(29);
+  EXPECT_EQ(filter.learnThresholdSpam, 29.0f);
+  spam->setNonSpamLearnThreshold(30);
+  EXPECT_EQ(filter.learnThresholdNonSpam, 30.0f);
+  spam->setUseAutoWhiteList(true);
+  EXPECT_TRUE(filter.useAutoWhiteList);
+}
+
+TEST(Layout, EnumeratorsKeepTheirNumbers) {
+  EXPECT_EQ(RBL, 0);
+  EXPECT_EQ(RHSBL, 1);
+  EXPECT_EQ(TYPE_SENDER, 0);
+  EXPECT_EQ(TYPE_RECIPIENT, 1);
+  EXPECT_EQ(TYPE_CLIENT, 2);
+  EXPECT_EQ(NAME_ACCOUNT, 0);
+  EXPECT_EQ(NAME_ADDRESS, 1);
+  EXPECT_EQ(NAME_DOMAIN, 2);
+  EXPECT_EQ(ACCESS_UNKNOW, 0);
+  EXPECT_EQ(ACCESS_PERMIT, 1);
+  EXPECT_EQ(ACCESS_REJECT, 2);
+  EXPECT_EQ(ACCESS_DISCARD, 3);
+  EXPECT_EQ(TYPE_KNOWN, -1);
+  EXPECT_EQ(TYPE_BLACK, 1);
+  EXPECT_EQ(TYPE_WHITE, 2);
+  EXPECT_EQ(BCC_SENDER, 0);
+  EXPECT_EQ(BCC_RECIPIENT, 1);
+  EXPECT_EQ(BCC_ALL, 2);
 }
 
 TEST(Layout, AliasIsItsErrorHandleAndNames) {

@@ -24,6 +24,7 @@ using namespace collector;
 
 constexpr int kEntries = 40;  // in a batch
 constexpr int kThreshold = 100;
+constexpr int kMostBatches = 50;  // fill fewer logs than are kept
 
 int kills() {
   const char *text = getenv("POSTWELL_KILLS");
@@ -34,12 +35,12 @@ void acknowledge(int fd, int batch) {
   if (write(fd, &batch, sizeof batch) != static_cast<ssize_t>(sizeof batch)) _exit(3);
 }
 
-// Stores batch after batch; tells of each when it is stored, or, to show that the test
-// would see a loss, before.
-int storeForever(int fd, bool early) {
+// Stores batch after batch until it is killed; tells of each when it is stored, or, to
+// show that the test would see a loss, before.
+int storeUntilKilled(int fd, bool early) {
   MailLogger logger(0, kThreshold);
   if (logger.error() != 0) return 1;
-  for (int batch = 0;; batch++) {
+  for (int batch = 0; batch < kMostBatches; batch++) {
     for (int i = 0; i < kEntries; i++) logger.cacheLog(numbered(batch));
     if (early) acknowledge(fd, batch);
     logger.flushLogToDB();
@@ -47,6 +48,7 @@ int storeForever(int fd, bool early) {
     if (!early) acknowledge(fd, batch);
     logger.rotateLog();
   }
+  for (;;) pause();
 }
 
 struct Killed {
@@ -59,7 +61,7 @@ class KillTest : public LibraryTest {
   Killed killOne(bool early, int after, long nanoseconds) {
     int ends[2];
     EXPECT_EQ(pipe(ends), 0);
-    const pid_t child = startChild([&] { return storeForever(ends[1], early); });
+    const pid_t child = startChild([&] { return storeUntilKilled(ends[1], early); });
     close(ends[1]);
     Killed killed;
     const auto next = [&] {
@@ -77,9 +79,24 @@ class KillTest : public LibraryTest {
     while (next()) {
     }
     close(ends[0]);
+    const Rows left = filesIn(kFolder);
     judge(killed);
-    log.take();
+    const std::vector<LogLine> said = log.take();
+    if (!killed.wrong.empty()) {  // to go by
+      killed.wrong.insert(killed.wrong.end(), left.begin(), left.end());
+      for (const LogLine &line : said) killed.wrong.push_back(line.text);
+    }
     return killed;
+  }
+
+  // The name and the size of each.
+  static Rows filesIn(const std::string &folder) {
+    Rows files;
+    if (fileExists(folder))
+      for (const auto &entry : std::filesystem::directory_iterator(folder))
+        files.push_back(entry.path().filename().string() +
+                        ", bytes: " + std::to_string(entry.file_size()));
+    return files;
   }
 
   static void judge(Killed &killed) {

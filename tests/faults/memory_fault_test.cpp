@@ -11,7 +11,7 @@ class MemoryFaultTest : public SweepTest {
     const Outcome outcome = sweep(
         work, [all](long nth) { memory_faults::fail(nth, all); },
         memory_faults::stopFailing);
-    EXPECT_GT(outcome.points, 30) << work.name;
+    EXPECT_GT(outcome.points, 30 / SWEEP_STEP) << work.name;
     EXPECT_GT(outcome.reported, outcome.points / 2) << work.name;
     for (const std::string &wrong : outcome.wrong) ADD_FAILURE() << wrong;
   }

@@ -166,7 +166,7 @@ std::vector<Work> libraryWorks() {
 Outcome SweepTest::sweep(const Work &work, const std::function<void(long)> &arm,
                          const std::function<bool()> &disarm) {
   Outcome outcome;
-  for (long nth = 1;; nth++) {
+  for (long nth = 1;; nth += SWEEP_STEP) {
     for (const char *end : {"", "-journal", "-wal", "-shm"})
       unlink((work.path + end).c_str());
     work.prepare();

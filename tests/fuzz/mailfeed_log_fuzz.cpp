@@ -45,7 +45,7 @@ void checkRecord(const LogSocket &record) {
 }
 
 void checkState(const LogReader &reader) {
-  const Position position = {1, 2, 3, 4, 5};
+  const Position position = {1, 2, {3, 4}, 5, {{6, 7}}};
   const std::string text = stateText(position, reader);
   Position found;
   LogReader other;

@@ -118,6 +118,9 @@ fetch() {
 
 inMailbox() { grep -qr -- "$2" "/var/services/homes/$1/Maildir/new" "/var/services/homes/$1/Maildir/cur"; }
 
+# mailFile USER TEXT: the message that holds it.
+mailFile() { grep -rl -- "$2" "/var/services/homes/$1/Maildir/new" "/var/services/homes/$1/Maildir/cur" | head -n 1; }
+
 # token: a word that no other message has.
 token() { tr -d - </proc/sys/kernel/random/uuid; }
 
@@ -147,6 +150,14 @@ mailLogHas() { (($(mailLogRows rowid | wc -l) >= $1)); }
 # order in which they were, blanks between them.
 mailLogRows() { sqlRows "$T/etc/maillog/maillog.db" "SELECT $1 FROM mail_log_table ORDER BY rowid"; }
 
+# logAsked OPTION...: the entries that the command line tool finds, sorted and in the
+# form of t-17-mail-log-feed/rule, but without queue ids.
+logAsked() {
+  postwell log list --limit -1 --json "$@" | python3 -c 'import json, sys
+for e in json.load(sys.stdin):
+    print(e["status"], "<%s>" % e["from"], "<%s>" % e["to"], e["size"], e["message_id"])' | sort
+}
+
 # sqlRows FILE QUERY
 sqlRows() {
   python3 - "$1" "$2" <<'EOP'
@@ -155,4 +166,59 @@ db = sqlite3.connect(f"file:{sys.argv[1]}?mode=ro", uri=True, timeout=10)
 for row in db.execute(sys.argv[2]):
     print(*row)
 EOP
+}
+
+# ---- The spam filter ------------------------------------------------------------------
+
+startSpamFilter() {
+  setKey spam_enable yes
+  expect "$SCRIPTS/DaemonConfSet.sh" spam
+  expect "$SCRIPTS/SpamDaemon.sh" start
+  expect "$SCRIPTS/MailScanner.sh" start
+}
+
+# marked spam|ham SEND-OPTION...: a message to alice is marked so by the spam filter.
+marked() {
+  local expected=$1 word file mark=ham
+  shift
+  word=$(token)
+  expect sendFromLan --to "alice@$DOMAIN" --h-Subject "$word" "$@"
+  waitFor inMailbox alice "$word"
+  file=$(mailFile alice "$word")
+  expect grep -q '^X-Spam-Checker-Version:' "$file"  # it was looked at
+  if grep -qx 'X-Spam-Flag: YES' "$file"; then mark=spam; fi
+  [[ $mark == "$expected" ]] || die "this mail is $mark: $*"
+}
+
+# ---- The virus scanner -----------------------------------------------------------------
+
+# The test file that every scanner knows; in two parts, so that none takes this file for it.
+EICAR='X5O!P%@AP[4\PZX54(P^)7CC)7}'
+EICAR+="\$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!\$H+H*"
+
+# Signatures of nothing but that, wherever it stands in a file.
+addSignatures() {
+  printf 'Eicar-Test-Signature:0:*:%s\n' "$(printf %s "$EICAR" | od -An -tx1 | tr -d ' \n')" \
+    >/var/lib/clamav/local.ndb || die "cannot write the signatures"
+}
+
+# ---- Names ------------------------------------------------------------------------------
+
+ZONE=$WORLD/zone
+
+# A name server that knows what stands in $ZONE, in the form of toy-dns; its process is in
+# $names.
+startNames() {
+  : >"$ZONE"
+  "$(dirname "${BASH_SOURCE[0]}")/toy-dns" "$ZONE" &
+  names=$!
+  waitFor namesServed
+}
+
+namesServed() { [[ -n $(ss -Hlun 'sport = :53') ]]; }
+
+# asked NAME...: somebody has asked for each of these.
+asked() {
+  local name
+  for name in "$@"; do grep -qxF "$name" "$ZONE.asked" || return; done
 }

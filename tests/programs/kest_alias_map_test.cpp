@@ -6,38 +6,23 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <filesystem>
-
 #include "programs/accounts.h"
-#include "programs/postfix_config.h"
-#include "programs/run_program.h"
-#include "programs/settings.h"
+#include "programs/postfix_map_test.h"
 #include "support/database.h"
 
 namespace {
 
-const std::string kFolder = "/var/packages/Postwell/target/etc/postfix";
-const std::string kMap = kFolder + "/aliases";
-const std::string kPostmapConfig = "/var/packages/Postwell/target/etc/postmap";
 const std::string kConfig = "compatibility_level = 3.6\nsmtputf8_enable = no\n";
 const std::string kDatabase = "/var/packages/Postwell/etc/alias.db";
 const std::string kDefaults = "postmaster: root\nMAILER-DAEMON: postmaster\n";
 
-class AliasMap : public testing::Test {
+class AliasMap : public PostfixMapTest {
  protected:
-  AliasMap() {
-    useAccounts("local");
-    EXPECT_EQ(mkdir(kPostmapConfig.c_str(), 0755), 0);
-    writePostfixConfig(kPostmapConfig, kConfig);
+  AliasMap() : PostfixMapTest("kest_alias_map", "aliases", kConfig) {
     writeAccounts();
     Alias aliases;  // the alias "root" of the new file is in nobody's way
     EXPECT_EQ(aliases.load(), 0);
     EXPECT_EQ(aliases.delAlias({"root"}), 0);
-  }
-
-  static void useAccounts(const std::string &type) {
-    writeFile(PackageTree::kSettings, "account_type=\"" + type + "\"\n");
   }
 
   static void store(const std::string &alias, MemberType type, const std::string &name) {
@@ -49,10 +34,8 @@ class AliasMap : public testing::Test {
     ASSERT_EQ(aliases.addMember(alias, {member}), 0);
   }
 
-  static Outcome run() { return RUN_TEST_PROGRAM({}); }
-
   // The text that a run makes, without the two lines that are always there.
-  static std::string made() {
+  std::string made() const {
     const Outcome outcome = run();
     EXPECT_EQ(outcome.status, 0) << outcome.err;
     EXPECT_EQ(outcome.err, "");
@@ -63,39 +46,20 @@ class AliasMap : public testing::Test {
   }
 
   // The members of an alias, as Postfix finds them.
-  static std::string members(const std::string &name) {
-    return runNative("/usr/sbin/postmap",
-                     {"-c", kPostmapConfig, "-q", name, "lmdb:" + kMap})
-        .out;
-  }
-
-  static std::vector<std::string> folder() {
-    std::vector<std::string> names;
-    for (const auto &entry : std::filesystem::directory_iterator(kFolder))
-      names.push_back(entry.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
-  }
+  std::string members(const std::string &name) const { return found(name); }
 
   // The map of "old" with amy, which failures must leave in force.
-  static void makeOldMap() {
+  void makeOldMap() const {
     store("old", USER, "amy");
     ASSERT_EQ(made(), "old: amy\n");
   }
 
-  static void expectFailure(const std::string &message) {
-    const Outcome outcome = run();
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_NE(outcome.err.find("kest_alias_map: " + message), std::string::npos)
-        << outcome.err;
+  void expectFailure(const std::string &message) const {
+    expectFailedRun(message);
     EXPECT_EQ(members("old"), "amy\n");
     EXPECT_EQ(members("new"), "");
     EXPECT_EQ(members("postmaster"), "root\n");
-    EXPECT_EQ(folder(), (std::vector<std::string>{"aliases", "aliases.lmdb"}));
   }
-
-  PackageTree package_;
 };
 
 TEST_F(AliasMap, EveryKindOfMember) {
@@ -111,7 +75,7 @@ TEST_F(AliasMap, EveryKindOfMember) {
   EXPECT_EQ(members("postmaster"), "root\n");
   EXPECT_EQ(members("mailer-daemon"), "postmaster\n");
   EXPECT_EQ(members("crew"), "");
-  EXPECT_EQ(folder(), (std::vector<std::string>{"aliases", "aliases.lmdb"}));
+  expectTheMapAlone();
 }
 
 TEST_F(AliasMap, GroupsOfADirectoryHaveItsUsers) {

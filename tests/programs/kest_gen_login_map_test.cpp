@@ -7,63 +7,30 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 
-#include "programs/postfix_config.h"
-#include "programs/run_program.h"
-#include "programs/settings.h"
+#include "programs/postfix_map_test.h"
 
 namespace {
 
-const std::string kFolder = "/var/packages/Postwell/target/etc/postfix";
-const std::string kMap = kFolder + "/login_map";
-const std::string kPostmapConfig = "/var/packages/Postwell/target/etc/postmap";
+const std::string kConfig = "compatibility_level = 3.6\n";
 
-class LoginMap : public testing::Test {
+class LoginMap : public PostfixMapTest {
  protected:
-  LoginMap() {
-    useAccounts("local");
-    EXPECT_EQ(mkdir(kPostmapConfig.c_str(), 0755), 0);
-    writePostfixConfig(kPostmapConfig, "compatibility_level = 3.6\n");
+  LoginMap() : PostfixMapTest("kest_gen_login_map", "login_map", kConfig) {
     writeFile("/tmp/users-local", "zoe\nBob\n");
     writeFile("/tmp/users-directory", "CORP\\bob\nAmy@corp.example\n");
   }
 
-  static void useAccounts(const std::string &type) {
-    writeFile(PackageTree::kSettings, "account_type=\"" + type + "\"\n");
-  }
-
-  static Outcome run() { return RUN_TEST_PROGRAM({}); }
-
   // The owners of a local part, as Postfix finds them.
-  static std::string owners(const std::string &name) {
-    return runNative("/usr/sbin/postmap",
-                     {"-c", kPostmapConfig, "-q", name, "lmdb:" + kMap})
-        .out;
-  }
-
-  static std::vector<std::string> folder() {
-    std::vector<std::string> names;
-    for (const auto &entry : std::filesystem::directory_iterator(kFolder))
-      names.push_back(entry.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
-  }
+  std::string owners(const std::string &name) const { return found(name); }
 
   // A run that fails leaves the map of zoe and bob.
-  static void expectFailure(const std::string &message) {
-    const Outcome outcome = run();
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_NE(outcome.err.find("kest_gen_login_map: " + message), std::string::npos)
-        << outcome.err;
+  void expectFailure(const std::string &message) const {
+    expectFailedRun(message);
     EXPECT_EQ(owners("zoe"), "zoe\n");
     EXPECT_EQ(owners("bob"), "bob\n");
     EXPECT_EQ(owners("eve"), "");
-    EXPECT_EQ(folder(), (std::vector<std::string>{"login_map", "login_map.lmdb"}));
   }
-
-  PackageTree package_;
 };
 
 TEST_F(LoginMap, LocalAccounts) {
@@ -74,7 +41,7 @@ TEST_F(LoginMap, LocalAccounts) {
   EXPECT_EQ(readFile(kMap), "bob\tbob\nzoe\tzoe\n");
   EXPECT_EQ(owners("bob"), "bob\n");
   EXPECT_EQ(owners("amy"), "");
-  EXPECT_EQ(folder(), (std::vector<std::string>{"login_map", "login_map.lmdb"}));
+  expectTheMapAlone();
 }
 
 TEST_F(LoginMap, DomainAndDirectoryAccountsAreListedAsWell) {
@@ -180,7 +147,7 @@ TEST_F(LoginMap, APostmapThatFails) {
                        "; the lines above tell why; the old map stays in force\n"),
       std::string::npos)
       << outcome.err;
-  writePostfixConfig(kPostmapConfig, "compatibility_level = 3.6\n");
+  writePostfixConfig(kPostmapConfig, kConfig);
   EXPECT_EQ(owners("bob"), "bob\n");
   EXPECT_EQ(owners("eve"), "");
 }

@@ -1,8 +1,11 @@
-// Handing deliveries over: on one connection, all or none counted as sent.
+// Handing deliveries over: on one connection, all or none counted as sent, and none
+// before the collector has stored them.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -42,14 +45,33 @@ int boundSocket() {
   return fd;
 }
 
+// Takes the next connection, reads it to its end, and says how many bytes came.
+size_t readOne(int listener, int *connection) {
+  *connection = accept(listener, nullptr, nullptr);
+  size_t bytes = 0;
+  char buffer[65536];
+  for (ssize_t length; (length = recv(*connection, buffer, sizeof(buffer), 0)) > 0;)
+    bytes += static_cast<size_t>(length);
+  return bytes;
+}
+
 class Sending : public testing::Test {
  protected:
   Sending() { unlink(kSocket.c_str()); }
+
+  // Sends three, and takes them from the listener's first connection, which stays open.
+  std::future<bool> sendTo(int listener) {
+    auto sent =
+        std::async(std::launch::async, [this] { return collector_.send(deliveries(3)); });
+    EXPECT_EQ(readOne(listener, &connection_), 3 * sizeof(LogSocket));
+    return sent;
+  }
 
   // A stop is asked for by a signal to this process; it stays blocked after the test.
   Stop stop_;
   std::promise<void> away_;
   bool wasAway_ = false;
+  int connection_ = -1;
   Collector collector_{kSocket, stop_, [this] {
                          wasAway_ = true;
                          away_.set_value();
@@ -60,8 +82,10 @@ TEST_F(Sending, OneConnectionInOrder) {
   Receiver receiver(kSocket);
   const auto batch = deliveries(300);
   EXPECT_TRUE(collector_.send(batch));
-  // Sent means taken: nothing is waited for here.
+  // Sent means stored: nothing is waited for here. The collector stores before it takes
+  // the next connection.
   EXPECT_EQ(receiver.records().size(), 300u);
+  EXPECT_EQ(receiver.emptyConnections(), 1u);
   EXPECT_EQ(receiver.await(300), summaries(batch));
   EXPECT_EQ(receiver.connections(), 1u);
   EXPECT_EQ(receiver.partialReads(), 0u);
@@ -117,6 +141,62 @@ TEST_F(Sending, ACollectorThatDiesInTheMiddleGetsAllAgain) {
     EXPECT_TRUE(sent.get());
     EXPECT_EQ(receiver.await(1000), summaries(batch));
   }
+}
+
+TEST_F(Sending, ACollectorThatIsKilledBeforeItTakesTheNextConnectionGetsAllAgain) {
+  const auto batch = deliveries(1000);
+  std::future<bool> sent;
+  {
+    Receiver killed(kSocket, 1000);
+    sent = std::async(std::launch::async, [&] { return collector_.send(batch); });
+    away_.get_future().wait();
+    EXPECT_EQ(killed.records().size(), 1000u);
+  }
+  Receiver receiver(kSocket);
+  EXPECT_TRUE(sent.get());
+  EXPECT_EQ(receiver.await(1000), summaries(batch));
+}
+
+// It closes its socket, removes it, and then stores what it holds.
+TEST_F(Sending, ACollectorThatEndsInOrderHasStoredAll) {
+  const int listener = boundSocket();
+  ASSERT_EQ(listen(listener, 20), 0);
+  auto sent = sendTo(listener);
+  close(connection_);
+  pollfd polled = {listener, POLLIN, 0};
+  ASSERT_EQ(poll(&polled, 1, 60000), 1);  // the empty connection is in the queue
+  close(listener);
+  unlink(kSocket.c_str());
+  EXPECT_TRUE(sent.get());
+  EXPECT_FALSE(wasAway_);
+}
+
+// The first one may have been killed; that the second one takes connections says nothing.
+TEST_F(Sending, AnotherCollectorInItsPlaceGetsAllAgain) {
+  const int listener = boundSocket();
+  ASSERT_EQ(listen(listener, 20), 0);
+  auto sent = sendTo(listener);
+  unlink(kSocket.c_str());
+  int ready[2];
+  ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+  const pid_t other = fork();
+  if (other == 0) {
+    close(listener);
+    close(connection_);
+    const int second = boundSocket();
+    if (listen(second, 20) != 0 || write(ready[1], "", 1) != 1) _exit(1);
+    for (size_t bytes = 0; bytes == 0;) bytes = readOne(second, &connection_);
+    _exit(0);  // ends the connection, as if it had stored all, and is killed
+  }
+  char byte;
+  ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  close(listener);
+  close(connection_);
+  int status = -1;
+  EXPECT_EQ(waitpid(other, &status, 0), other);
+  EXPECT_EQ(status, 0);  // all came again
+  Receiver receiver(kSocket);
+  EXPECT_TRUE(sent.get());
 }
 
 TEST_F(Sending, AConnectionThatIsNeverAcceptedIsNotSent) {

@@ -73,14 +73,14 @@ TEST_F(Follower, GrowingFile) {
   EXPECT_EQ(read(log), "");
   append(kLog, "three\n\n");
   EXPECT_EQ(read(log), "three||");
-  EXPECT_EQ(log.position().offset, 15u);
+  EXPECT_EQ(log.position().mark.offset, 15u);
 }
 
 TEST_F(Follower, ALineWithoutItsNewlineIsWaitedFor) {
   append(kLog, "one\ntw");
   LogFollower log(kLog, std::nullopt);
   EXPECT_EQ(read(log), "one|");
-  EXPECT_EQ(log.position().offset, 4u);
+  EXPECT_EQ(log.position().mark.offset, 4u);
   append(kLog, "o");
   EXPECT_EQ(read(log), "");
   append(kLog, "\nthree\n");
@@ -165,7 +165,7 @@ TEST_F(Follower, GoesOnWhereTheLastRunStood) {
   append(kLog, "three\n");
   LogFollower log(kLog, position);
   EXPECT_EQ(log.lastLine(), "two");
-  EXPECT_EQ(log.position().offset, position.offset);
+  EXPECT_EQ(log.position().mark.offset, position.mark.offset);
   EXPECT_EQ(read(log), "three|");
 }
 
@@ -257,6 +257,69 @@ TEST_F(Follower, AnEmptyFileThatWasRotatedIsKnownByItsInode) {
   append(kLog, "two\n");
   LogFollower log(kLog, position);
   EXPECT_EQ(read(log), "one|two|");
+}
+
+// Three files, read one after the other; then somebody copies one and touches another.
+TEST_F(Follower, WhatWasReadIsNotReadAgainWhenItIsCopiedOrTouched) {
+  append(kLog, "one\n");
+  LogFollower log(kLog, std::nullopt);
+  EXPECT_EQ(read(log), "one|");
+  fs::rename(kLog, kLog + ".2");
+  append(kLog, "two, of another length\n");
+  EXPECT_EQ(read(log), "two, of another length|");
+  fs::rename(kLog, kLog + ".1");
+  age(kLog + ".1", 10);
+  append(kLog, "three\n");
+  EXPECT_EQ(read(log), "three|");
+  age(kLog, 5);
+  fs::copy(kLog + ".1", kLog + ".20261121");
+  age(kLog + ".20261121", 3);
+  age(kLog + ".2", 2);
+  fs::rename(kLog, kLog + ".0");
+  append(kLog, "four\n");
+  EXPECT_EQ(read(log), "four|");
+  // nor by the next run, which has lost the file it stood in
+  fs::remove(kLog);
+  fs::remove(kLog + ".0");
+  append(kLog, "five\n");
+  LogFollower next(kLog, log.position());
+  EXPECT_EQ(read(next), "five|");
+}
+
+TEST_F(Follower, WhatWasRotatedBeforeTheFirstRunIsNeverRead) {
+  append(kLog + ".1", "old\n");
+  append(kLog, "one\n");
+  LogFollower log(kLog, std::nullopt);
+  EXPECT_EQ(read(log), "one|");
+  age(kLog, 5);
+  age(kLog + ".1", 0);
+  fs::rename(kLog, kLog + ".2");
+  append(kLog, "two\n");
+  EXPECT_EQ(read(log), "two|");
+}
+
+// Whoever has written to it has not written the same.
+TEST_F(Follower, AFinishedFileThatIsAnotherNowIsRead) {
+  append(kLog + ".1", "old\n");
+  append(kLog, "one\n");
+  LogFollower log(kLog, std::nullopt);
+  EXPECT_EQ(read(log), "one|");
+  age(kLog, 5);
+  fs::rename(kLog, kLog + ".2");
+  rewrite(kLog + ".1", "new\n");
+  age(kLog + ".1", 2);
+  append(kLog, "two\n");
+  EXPECT_EQ(read(log), "new|two|");
+}
+
+TEST_F(Follower, TheEndsOfAHundredFilesAreKept) {
+  LogFollower log(kLog, std::nullopt);
+  for (int i = 0; i < 102; ++i) {
+    append(kLog, std::to_string(1000 + i) + '\n');
+    EXPECT_EQ(read(log), std::to_string(1000 + i) + '|');
+    fs::rename(kLog, kLog + ".1");
+  }
+  EXPECT_EQ(log.position().finished.size(), 100u);
 }
 
 TEST_F(Follower, WithoutAnyFileItWaitsForOne) {

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "log_reader.h"
+#include "state_file.h"
 
 namespace {
 
@@ -391,6 +392,13 @@ TEST_F(Rule, DeliveriesOfAnUnknownFormAreCounted) {
   EXPECT_EQ(took(), "");
 }
 
+TEST_F(Rule, OfALineThatIsNotUnderstoodAThousandBytesAreShown) {
+  const std::string text =
+      "x: to=<" + std::string(2000, 'b') + ">, relay=x, status=sent (ok)";
+  line(text);
+  EXPECT_EQ(reader_.counters().lastNotUnderstood, text.substr(0, 1000));
+}
+
 // ---- Messages that never end
 
 TEST_F(Rule, AFloodOfMessagesInTheQueueIsBounded) {
@@ -455,6 +463,87 @@ TEST_F(Rule, OneMessageWithEndlessRecipientsIsBounded) {
   ASSERT_EQ(messages().size(), 1u);
   EXPECT_LT(messages().front()->deferred.size(), 150000u);
   EXPECT_GT(messages().front()->deferred.size(), 100000u);
+}
+
+// What a message takes is counted when it changes, too: else the limit would be reached
+// one day without anything that needs the room, and everything be forgotten.
+TEST_F(Rule, ASenderThatIsToldAgainAndAgainTakesNoFurtherRoom) {
+  arrive("FIRST1");
+  const std::string sender = std::string(250, 'a') + "@x";
+  for (int i = 0; i < 80000; ++i) {  // more than 16 MB in all
+    log("qmgr", kId + ": from=<" + sender + ">, size=450, nrcpt=1 (queue active)");
+    if (i % 2 == 0) log("qmgr", kId + ": from=<>, size=450, nrcpt=1 (queue active)");
+  }
+  arrive("SECOND");  // is there still room?
+  EXPECT_EQ(reader_.messages().forgotten(), 0u);
+  EXPECT_EQ(messages().size(), 3u);
+}
+
+TEST_F(Rule, RecipientsThatAreNotTriedAnyLongerTakeNoRoom) {
+  arrive("FIRST1");
+  arrive(kId);
+  const std::string recipient = std::string(250, 'b') + "@x";
+  for (int i = 0; i < 60000; ++i) {  // more than 16 MB in all
+    log("smtp", kId + deferred(recipient));
+    log("smtp", kId + to(recipient, "mx[192.0.2.7]:25", "sent (ok)"));
+    deliveries_.clear();
+  }
+  EXPECT_EQ(reader_.messages().forgotten(), 0u);
+  EXPECT_EQ(messages().size(), 2u);
+}
+
+// The line before the restart is not remembered, but the time that had passed is.
+TEST_F(Rule, ARestartMakesNothingOlder) {
+  arrive(kId);
+  line("2026-11-21T03:04:20Z mail postfix/cleanup[1]: FFFFFF: message-id=<f@x>");
+  for (int i = 0; i < 200; ++i) {  // hours in a week: 168
+    Position position;
+    LogReader next;
+    ASSERT_TRUE(parseState(stateText(position, reader_), &position, &next));
+    reader_ = std::move(next);
+    line("2026-11-21T03:04:20Z mail postfix/cleanup[1]: FFFFFF: message-id=<f@x>");
+  }
+  EXPECT_EQ(reader_.messages().clock(), 3600);
+  line("2026-11-21T03:04:20Z mail postfix/lmtp[1]: " + kId +
+       to("b@x", kDovecot, "sent (ok)"));
+  EXPECT_EQ(took(), "received " + kId + " " + kId + "@x <a@example.org> <b@x> 450\n");
+}
+
+TEST_F(Rule, BetweenTwoLinesAnHourPassesAtMostAndNeverLessThanNothing) {
+  const auto passed = [this](const std::string &stamp) {
+    line(stamp + " mail postfix/cleanup[1]: FFFFFF: message-id=<f@x>");
+    return reader_.messages().clock();
+  };
+  EXPECT_EQ(passed("2026-11-21T02:00:00Z"), 0);
+  EXPECT_EQ(passed("2026-11-21T02:59:59Z"), 3599);
+  EXPECT_EQ(passed("2026-11-22T02:59:59Z"), 3599 + 3600);
+  EXPECT_EQ(passed("2026-11-22T02:00:00Z"), 3599 + 3600);
+  EXPECT_EQ(passed("2026-11-22T02:00:01Z"), 3599 + 3600 + 1);
+}
+
+TEST_F(Rule, AMessageIsAsYoungAsItsFirstLine) {
+  for (int day = 10; day < 30; ++day)
+    for (int hour = 10; hour < 24; ++hour)
+      line("2026-12-" + std::to_string(day) + "T" + std::to_string(hour) +
+           ":00:00Z mail postfix/cleanup[1]: FFFFFF: message-id=<f@x>");
+  ASSERT_GT(reader_.messages().clock(), 8 * 86400);
+  const std::string start = "2026-12-30T00:00:00Z mail postfix/";
+  line(start + "qmgr[1]: FFFFFF: removed");
+  line(start + "cleanup[1]: " + kId + ": message-id=<m@x>");
+  line(start + "cleanup[1]: EEEEEE: message-id=<e@x>");
+  line(start + "lmtp[1]: " + kId + to("b@x", kDovecot, "sent (ok)"));
+  EXPECT_EQ(took(), "received " + kId + " m@x <> <b@x> 0\n");
+}
+
+TEST_F(Rule, WhatHasExpiredIsDeferredNoMore) {
+  arrive(kId);
+  log("smtp", kId + deferred("f@x"));
+  const std::string expired =
+      kId + ": from=<a@example.org>, status=expired, returned to sender";
+  log("qmgr", expired);
+  took();
+  log("qmgr", expired);
+  EXPECT_EQ(took(), "");
 }
 
 TEST_F(Rule, AMessageIsKnownForFiveDaysAndForgottenAfterAWeek) {

@@ -30,7 +30,7 @@ LogReader someReader() {
                    "smtp[1]: CCCCCC: to=<broken"});
 }
 
-constexpr Position kPosition = {1, 2, UINT64_MAX, 4, -5};
+const Position kPosition = {1, 2, {UINT64_MAX, 4}, -5, {{6, 7}, {8, UINT64_MAX}}};
 
 TEST(State, WhatIsSavedIsFound) {
   const LogReader saved = someReader();
@@ -39,8 +39,8 @@ TEST(State, WhatIsSavedIsFound) {
   ASSERT_TRUE(parseState(stateText(kPosition, saved), &position, &reader));
   EXPECT_EQ(position.device, 1u);
   EXPECT_EQ(position.inode, 2u);
-  EXPECT_EQ(position.offset, UINT64_MAX);
-  EXPECT_EQ(position.fingerprint, 4u);
+  EXPECT_EQ(position.mark.offset, UINT64_MAX);
+  EXPECT_EQ(position.mark.fingerprint, 4u);
   EXPECT_EQ(position.written, -5);
   EXPECT_EQ(reader.counters().lines, 7u);
   EXPECT_EQ(reader.counters().notUnderstood, 1u);

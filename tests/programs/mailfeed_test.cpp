@@ -17,6 +17,7 @@
 #include "programs/receiver.h"
 #include "programs/run_program.h"
 #include "support/files.h"
+#include "support/wait_until.h"
 
 namespace {
 
@@ -70,16 +71,6 @@ class Process {
  private:
   pid_t pid_ = -1;
 };
-
-// Until it holds; fails the test when it does not within a minute.
-template <class Condition>
-void waitUntil(const char *what, Condition condition) {
-  const auto end = Clock::now() + std::chrono::minutes(1);
-  while (!condition()) {
-    ASSERT_LT(Clock::now(), end) << "waited in vain: " << what;
-    usleep(2000);
-  }
-}
 
 std::string queueId(int number) { return "Q" + std::to_string(100000 + number); }
 
@@ -358,6 +349,9 @@ TEST_F(MailFeed, WhileTheCollectorIsAwayTheLogIsTheQueue) {
   Receiver receiver(kSocket);
   EXPECT_EQ(receiver.await(6), rows(0, 6));
   waitForSaying("the collector at " + kSocket + " is back");
+  // without any further line
+  waitForStatus(
+      "\"records_sent\": 6,\n  \"records_waiting\": 0,\n  \"collector_away\": false");
 }
 
 TEST_F(MailFeed, ACollectorThatIsKilledGetsTheBatchAgain) {
@@ -396,6 +390,13 @@ TEST_F(MailFeed, TheYearOfStandardInput) {
   EXPECT_EQ(broken.tm_year, 115);
   EXPECT_EQ(broken.tm_mon, 10);
   EXPECT_EQ(broken.tm_mday, 21);
+}
+
+TEST_F(MailFeed, ALineWithoutAnEndIsTakenInPieces) {
+  const Outcome outcome =
+      run({"--stdin", "--socket", kSocket}, std::string(2 * 65536 + 1, 'x'));
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.err, "mailfeed: 3 lines, 0 not understood, 0 records sent\n");
 }
 
 TEST_F(MailFeed, EmptyStandardInputNeedsNoCollector) {
@@ -443,6 +444,20 @@ TEST_F(MailFeed, StatusTellsWhatWasReadAndWhetherItRuns) {
   EXPECT_NE(ended.out.find("to=<b\\u001b[m\""), std::string::npos);
 }
 
+// As one is that was killed between saving its state and showing it.
+TEST_F(MailFeed, AStatusThatIsBehindIsMendedAtTheStart) {
+  Receiver receiver(kSocket);
+  append(kLog, messages(0, 2));
+  {
+    Process feed;
+    waitForStatus("\"records_sent\": 2");
+    EXPECT_EQ(feed.end(SIGTERM), 0);
+  }
+  fs::remove(kState + ".status");
+  Process feed;
+  waitForStatus("\"records_sent\": 2");
+}
+
 TEST_F(MailFeed, AStatusFileThatIsDamaged) {
   writeFile(kState + ".status", "{");
   EXPECT_EQ(status().status, 1);
@@ -471,6 +486,23 @@ TEST_F(MailFeed, InTheBackgroundWithAPidFile) {
   EXPECT_NE(second.err.find("another mailfeed works with " + kState), std::string::npos);
   EXPECT_EQ(std::stoi(readFile(pidFile)), pid);
 
+  kill(pid, SIGTERM);
+  waitUntil("the daemon's end", [&] { return !fileExists(pidFile); });
+}
+
+TEST_F(MailFeed, InTheBackgroundItHoldsNothingOfItsCaller) {
+  const std::string pidFile = kFolder + "/pid";
+  std::vector<std::string> arguments = kFiles;
+  arguments.insert(arguments.end(), {"--background", "--pid-file", pidFile});
+  ASSERT_EQ(chdir(kFolder.c_str()), 0);
+  ASSERT_EQ(run(arguments).status, 0);
+  ASSERT_EQ(chdir("/"), 0);
+  const pid_t pid = std::stoi(readFile(pidFile));
+  const fs::path proc = "/proc/" + std::to_string(pid);
+  waitUntil("another folder", [&] { return fs::read_symlink(proc / "cwd") == "/"; });
+  EXPECT_EQ(getsid(pid), pid);
+  for (const char *fd : {"0", "1", "2"})
+    EXPECT_EQ(fs::read_symlink(proc / "fd" / fd), "/dev/null");
   kill(pid, SIGTERM);
   waitUntil("the daemon's end", [&] { return !fileExists(pidFile); });
 }

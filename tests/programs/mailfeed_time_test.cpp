@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <utility>
 
 #include "time_stamp.h"
 
@@ -84,6 +85,13 @@ TEST_F(Stamps, TurnOfTheYearInBothDirections) {
   EXPECT_EQ(read("Dec 31 23:59:59", newYear - 5), newYear - 1);
 }
 
+TEST_F(Stamps, AStampMayBeTwoDaysLaterThanTheFileAndNoMore) {
+  const int64_t written = utc(2026, 6, 10, 12);
+  EXPECT_EQ(read("Jun 12 11:59:59", written), utc(2026, 6, 12, 11, 59, 59));
+  EXPECT_EQ(read("Jun 12 12:00:00", written), utc(2026, 6, 12, 12));
+  EXPECT_EQ(read("Jun 12 12:01:00", written), utc(2025, 6, 12, 12, 1));
+}
+
 TEST_F(Stamps, OneReaderAcrossTheTurn) {
   StampReader reader;
   int64_t time = 0;
@@ -130,6 +138,19 @@ TEST_F(Stamps, YearsFromABeginning) {
     int64_t time = 0;
     EXPECT_EQ(reader.read(line.stamp, &time), 15u);
     EXPECT_EQ(time, line.time) << line.stamp;
+  }
+}
+
+TEST_F(Stamps, FromABeginningALineMayBeHalfAYearLaterAndNoMore) {
+  const std::pair<const char *, int64_t> lines[] = {
+      {"Jul  3 00:00:00", utc(2019, 7, 3)}, {"Jul  3 00:01:00", utc(2018, 7, 3, 0, 1)}};
+  for (const auto &[stamp, expected] : lines) {
+    StampReader reader;
+    reader.beginInYear(2019);
+    int64_t time = 0;
+    EXPECT_EQ(reader.read("Jan  1 00:00:00", &time), 15u);
+    EXPECT_EQ(reader.read(stamp, &time), 15u);
+    EXPECT_EQ(time, expected) << stamp;
   }
 }
 

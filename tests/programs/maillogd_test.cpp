@@ -4,6 +4,8 @@
 #include <grp.h>
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -14,6 +16,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 
 #include "platform/children.h"
 #include "run_program.h"
@@ -35,6 +38,8 @@ constexpr int kPatienceMs = 20'000;
 
 constexpr int kUntilServed = 500;  // records
 
+constexpr int kFewDescriptors = 30;  // are free below FD_SETSIZE for some daemons
+
 // A connection to the daemon.
 class Sender {
  public:
@@ -48,10 +53,11 @@ class Sender {
   Sender(const Sender &) = delete;
   Sender &operator=(const Sender &) = delete;
 
-  void send(int number) {
-    const std::string bytes = bytesOf(numbered(number));
-    EXPECT_EQ(::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(bytes.size()));
+  void send(int number) { EXPECT_TRUE(trySend(bytesOf(numbered(number)))); }
+
+  bool trySend(const std::string &bytes) {
+    return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(bytes.size());
   }
 
   // More than a connection holds that is not being served.
@@ -59,10 +65,11 @@ class Sender {
     for (int i = 0; i < kUntilServed; i++) send(i);
   }
 
-  // Says that there is nothing more, and waits for the daemon to have read it all.
-  void finish() {
+  // Says that there is nothing more, and waits for the daemon to have read it all; false
+  // when it was not served.
+  bool finish() {
     shutdown(fd_, SHUT_WR);
-    waitForEnd();
+    return waitForEnd();
   }
 
   // Waits for the daemon to close the connection; false when it was not served.
@@ -93,14 +100,21 @@ class MaillogdTest : public testing::Test {
     }
   }
 
-  // A daemon in the foreground of a process of its own, to which senders can connect.
-  void startWell(const std::vector<std::string> &arguments = {}) {
+  // A daemon in the foreground of a process of its own, which has served somebody. That
+  // it can be connected to is not enough: it has no log yet then.
+  // What `prepare` does, it finds.
+  void startWell(
+      const std::vector<std::string> &arguments = {},
+      const std::function<void()> &prepare = [] {}) {
     caller_ = startChild([&] {
+      prepare();
       const Outcome outcome = RUN_TEST_PROGRAM(arguments);
       fputs(outcome.err.c_str(), stderr);
       return outcome.status;
     });
-    while (!Sender().connected) {
+    for (;;) {
+      Sender sender;
+      if (sender.connected && sender.finish()) break;
       ASSERT_EQ(waitpid(caller_, nullptr, WNOHANG), 0) << "it has ended";
       poll(nullptr, 0, 10);
     }
@@ -182,7 +196,7 @@ TEST_F(MaillogdTest, UsageIsExplainedAndWrongUsageRefused) {
 // ---- collecting
 
 TEST_F(MaillogdTest, WhatIsSentIsStoredWhenItEnds) {
-  startWell();
+  startWell({"--cache-time", "86400"});
   {
     Sender sender;
     ASSERT_TRUE(sender.connected);
@@ -199,8 +213,8 @@ TEST_F(MaillogdTest, WhatIsSentIsStoredWhenItEnds) {
   EXPECT_FALSE(fileExists(kPidFile));
 }
 
-TEST_F(MaillogdTest, TheCacheTimeIsItsArgument) {
-  startWell({"--cache-time", "0"});
+TEST_F(MaillogdTest, WithoutACacheTimeItStoresBeforeItServesTheNext) {
+  startWell();
   Sender sender;
   sender.send(1);
   sender.finish();
@@ -211,7 +225,7 @@ TEST_F(MaillogdTest, TheCacheTimeIsItsArgument) {
 }
 
 TEST_F(MaillogdTest, TheRotateThresholdIsItsArgument) {
-  startWell({"--cache-time", "0", "--rotate-threshold", "2"});
+  startWell({"--rotate-threshold", "2"});
   Sender sender;
   for (int i = 0; i < 3; i++) sender.send(i);
   sender.finish();
@@ -257,6 +271,45 @@ TEST_F(MaillogdTest, ASenderWhoIsAtItMayFinish) {
   EXPECT_EQ(countIn(kLog), 2 * kUntilServed);
 }
 
+// Sends until it is cut off, and says when it is being served; 1 when it is not cut off.
+int sendOnAndOn(int told) {
+  std::string many;  // so that there is always something to read
+  for (int i = 0; i < 100; i++) many += bytesOf(numbered(i));
+  Sender sender;
+  sender.sendUntilServed();
+  EXPECT_EQ(write(told, "", 1), 1);
+  for (int i = 0; i < 3000; i++)
+    if (!sender.trySend(many)) return 0;
+  return 1;
+}
+
+// Its patience over, the daemon ends although the sender does not. Each log that is made
+// keeps a descriptor, so the connection's may be any, in the end.
+TEST_F(MaillogdTest, ASenderWhoGoesOnAndOnIsCutOffWhateverItsDescriptor) {
+  for (const int left : {FD_SETSIZE, kFewDescriptors}) {
+    startWell({"--rotate-threshold", "1"}, [left] {
+      const rlimit more = {FD_SETSIZE, 2 * FD_SETSIZE};  // which it has to use
+      EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &more), 0);
+      for (int fd = left; fd < FD_SETSIZE; fd++) EXPECT_EQ(dup2(0, fd), fd);
+    });
+    for (int i = 0; i < kFewDescriptors; i++) {
+      Sender sender;
+      sender.send(i);
+      sender.send(i);
+      sender.finish();
+    }
+    int told[2];
+    ASSERT_EQ(pipe(told), 0);
+    const pid_t endless = startChild([&told] { return sendOnAndOn(told[1]); });
+    char byte;
+    EXPECT_EQ(read(told[0], &byte, 1), 1);
+    for (const int fd : told) close(fd);
+    EXPECT_EQ(kill(pid(), SIGALRM), 0);
+    EXPECT_EQ(endOf(endless), 0) << left;
+    EXPECT_EQ(statusOf(caller_), 0);
+  }
+}
+
 // ---- one at a time
 
 TEST_F(MaillogdTest, ASecondOneIsRefusedAndTheFirstGoesOn) {
@@ -276,12 +329,23 @@ TEST_F(MaillogdTest, ASecondOneIsRefusedAndTheFirstGoesOn) {
   EXPECT_EQ(idsIn(kLog), Rows{"1"});
 }
 
+// A file that got the number of a closed stream would be written into.
+TEST_F(MaillogdTest, WithoutStandardErrorItSaysNothing) {
+  startWell();
+  const Outcome second =
+      runNative("/bin/sh", {"-c", "exec " TEST_SHELL_PROGRAM " 2>&- >&- <&-"});
+  EXPECT_EQ(second.status, 1);
+  EXPECT_EQ(readFile("/var/run/maillog.sock.lock"), "");
+}
+
 TEST_F(MaillogdTest, AfterAKillTheNextOneStartsAndEndsNobody) {
   startWell();
+  Sender().finish();  // its files are made once someone has been served
   EXPECT_EQ(stop(SIGKILL), 128 + SIGKILL);
   ASSERT_TRUE(fileExists(kPidFile));
   ASSERT_TRUE(fileExists(kSocket));
   const pid_t bystander = startChild([] {
+    alarm(60);  // at the latest
     pause();
     return 0;
   });
@@ -403,8 +467,8 @@ TEST_F(MaillogdTest, ACollectorThatCannotStartEndsItWithAMessage) {
 
 // A log that could not be made and was removed: the collector reports no error.
 TEST_F(MaillogdTest, ACollectorThatReportsNoErrorButIsNotUsableEndsItWithAMessage) {
-  for (const std::vector<std::string> &arguments :
-       std::vector<std::vector<std::string>>{{}, {"--background"}}) {
+  for (const std::vector<std::string> &arguments :  // each as soon as the one before ends
+       std::vector<std::vector<std::string>>{{}, {"--background"}, {}}) {
     const Outcome outcome = runBuilt(TEST_EMULATOR, TEST_UNUSABLE_PROGRAM, arguments);
     unlink(kLog.c_str());  // made at the end
     EXPECT_EQ(outcome.status, 1);
@@ -424,8 +488,35 @@ TEST_F(MaillogdTest, APidFileThatCannotBeWrittenEndsItWithAMessage) {
   EXPECT_FALSE(fileExists(kSocket));
 }
 
-TEST_F(MaillogdTest, EntriesThatCannotBeStoredAreToldInTheExitStatus) {
+// /var/run may be more open than the folders of its files.
+TEST_F(MaillogdTest, ALockThatIsALinkEndsItWithAMessageAndMakesNothing) {
+  const std::string lock = kSocket + ".lock";
+  unlink(lock.c_str());
+  ASSERT_EQ(symlink("/tmp/elsewhere", lock.c_str()), 0);
+  const Outcome outcome = startInBackground();
+  unlink(lock.c_str());
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, "maillogd: " + lock + ": Too many levels of symbolic links\n");
+  EXPECT_FALSE(fileExists("/tmp/elsewhere"));
+}
+
+TEST_F(MaillogdTest, AFailureThatIsOverByTheEndIsNotToldInTheExitStatus) {
   startWell();
+  const std::string aside = kLog + ".aside";
+  ASSERT_EQ(rename(kLog.c_str(), aside.c_str()), 0);
+  writeFile(kLog, std::string(8192, 'x'));
+  for (int i = 1; i <= 2; i++) {  // the second is served when the first could be stored
+    Sender sender;
+    sender.send(i);
+    sender.finish();
+  }
+  ASSERT_EQ(rename(aside.c_str(), kLog.c_str()), 0);
+  EXPECT_EQ(stop(), 0);
+  EXPECT_EQ(idsIn(kLog), (Rows{"1", "2"}));
+}
+
+TEST_F(MaillogdTest, EntriesThatCannotBeStoredAreToldInTheExitStatus) {
+  startWell({"--cache-time", "86400"});
   Sender sender;
   sender.send(1);
   sender.finish();

@@ -105,6 +105,12 @@ class PostwellLog : public testing::Test {
     return RUN_TEST_PROGRAM(words, input);
   }
 
+  static Outcome onTerminal(const Arguments &arguments, const std::string &input = "") {
+    Arguments words{"log"};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return RUN_TEST_PROGRAM_ON_TERMINAL(words, input);
+  }
+
   // The Message-IDs that a command lists, one behind the other.
   static std::string ids(const Arguments &arguments) {
     const Outcome outcome = run(arguments);
@@ -199,6 +205,15 @@ TEST_F(PostwellLog, TimesAreInclusiveAndADayIsALocalOne) {
             "<1@x><2@x><3@x>");
 }
 
+TEST_F(PostwellLog, TheSecondBefore1970IsATimeLikeAnyOther) {
+  store("before", -2, "", "", 0, 0);
+  store("at", -1, "", "", 0, 0);
+  store("after", 0, "", "", 0, 0);
+  EXPECT_EQ(ids({"list", "--since", "1970-01-01 00:59:59"}), "atafter");
+  EXPECT_EQ(ids({"list", "--until", "1969-12-31T23:59:58Z"}), "before");
+  EXPECT_EQ(ids({"list", "--until", "1969-12-31T23:59:59Z"}), "beforeat");
+}
+
 TEST_F(PostwellLog, RelativeTimesCountFromNow) {
   const time_t now = time(nullptr);
   store("old", now - 3 * 86400, "", "", 0, 0);
@@ -217,7 +232,8 @@ TEST_F(PostwellLog, RelativeTimesCountFromNow) {
 TEST_F(PostwellLog, WrongValuesAreRefused) {
   for (const std::string time :
        {"", "soon", "2024-02-30", "2024-13-01", "2024-01-31 25:00", "2h", "-2h ago",
-        "-2x", "99999999h ago", "2024-01-31'", "1706700000"})
+        "-2x", "99999999h ago", "2024-01-31'", "1706700000", "2024-01-31 24:00",
+        "2024-01-31 12:00 +24:00", "2024-01-31T12:00-00:60", "2024-01-31\n"})
     expectRefused({"list", "--since=" + time}, 2, "--since: ");
   expectRefused({"list", "--status", "lost"}, 2,
                 "--status: must be sent, received, bounced or resent, not \"lost\"");
@@ -258,6 +274,64 @@ TEST_F(PostwellLog, FiftyEntriesAreListedUnlessToldOtherwise) {
   EXPECT_EQ(std::count(all.out.begin(), all.out.end(), '\n'), 60);
   EXPECT_EQ(ids({"list", "--limit", "2", "--offset", "58"}), "59,60,");
   EXPECT_EQ(ids({"list", "--limit", "2147483646", "--offset", "2147483647"}), "");
+}
+
+TEST_F(PostwellLog, AnOffsetBeyondTheEndSaysSo) {
+  storeThree();
+  const std::string only3 = "postwell: --offset is beyond the end; there are only 3.\n";
+  for (const Arguments &more :
+       {Arguments{}, Arguments{"--all"}, Arguments{"--larger", "1", "--smaller", "1M"}}) {
+    Arguments words{"list", "--offset", "3"};
+    words.insert(words.end(), more.begin(), more.end());
+    const Outcome outcome = run(words);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err, only3);
+  }
+  EXPECT_EQ(run({"list", "--offset", "2"}).err, "");
+  EXPECT_EQ(run({"search", "amy", "--offset", "9"}).err,
+            "postwell: --offset is beyond the end; there are only 2.\n");
+  EXPECT_EQ(run({"list", "--from", "nobody", "--offset", "9"}).err,
+            "postwell: no entry is like that; last record at 2024-01-31 14:20:00 "
+            "+0100.\n");
+}
+
+// Whoever leaves entries out, the library or the tool.
+TEST_F(PostwellLog, PagesOfEveryKindOfQueryFollowEachOther) {
+  storeThree();
+  store("<4@x>", 1706710800, "amy@a.example", "eve@e.example", 4000, 3);
+  const std::vector<Arguments> kinds = {{"list"},
+                                        {"list", "--all"},
+                                        {"list", "--desc"},
+                                        {"list", "--larger", "1", "--smaller", "1M"},
+                                        {"search", "x"},
+                                        {"search", "@x", "--until", "now"},
+                                        {"search", "x", "--sort", "size", "--desc"}};
+  for (const Arguments &kind : kinds) {
+    const std::string whole = ids(kind);
+    EXPECT_EQ(whole.size(), 20u);
+    for (const int size : {1, 3}) {
+      std::string pages;
+      for (int offset = 0; offset < 4; offset += size) {
+        Arguments words = kind;
+        for (const std::string &word : {std::string("--limit"), std::to_string(size),
+                                        std::string("--offset"), std::to_string(offset)})
+          words.push_back(word);
+        pages += ids(words);
+      }
+      EXPECT_EQ(pages, whole) << testing::PrintToString(kind) << size;
+    }
+    Arguments rest = kind;
+    for (const char *word : {"--limit", "-1", "--offset", "1"}) rest.push_back(word);
+    EXPECT_EQ(ids(rest), whole.substr(5));
+  }
+}
+
+TEST_F(PostwellLog, ColumnsDoNotRunIntoEachOther) {
+  store("a", 1, "f", "t", 0, -2147483647);
+  runSQL(kLog, "update mail_log_table set size = 2147483647;");
+  EXPECT_EQ(run({"list"}).out,
+            "1970-01-01 01:00:01 +0100  status -2147483647 2147483647  f -> t  a\n");
 }
 
 // ---- texts
@@ -374,7 +448,7 @@ TEST_F(PostwellLog, ShowTellsWhatBecameOfOneMessage) {
   const Outcome none = run({"show", "1@"});
   EXPECT_EQ(none.out, "");
   EXPECT_EQ(none.err,
-            "postwell: no entry is like that; the last one is of 2024-01-31 14:20:00 "
+            "postwell: no entry is like that; last record at 2024-01-31 14:20:00 "
             "+0100.\n");
 }
 
@@ -417,14 +491,114 @@ TEST_F(PostwellLog, Archives) {
                             "maillog_20240131_2.db"})
     writeFile(kFolder + other, "");
   EXPECT_EQ(run({"archives"}).out,
-            "maillog_20240131.db         2  2024-01-31 12:20:00 +0100 to 2024-01-31 "
+            "maillog_20240131.db           2  2024-01-31 12:20:00 +0100 to 2024-01-31 "
             "12:21:00 +0100\n"
-            "maillog_20240131_1.db         0   to \n");
+            "maillog_20240131_1.db         0\n");
   EXPECT_EQ(run({"archives", "--json"}).out,
             "[\n  {\"name\":\"maillog_20240131.db\",\"entries\":2,\"first\":\"2024-01-"
             "31T11:20:00Z\",\"last\":\"2024-01-31T11:21:00Z\"},\n"
             "  {\"name\":\"maillog_20240131_1.db\",\"entries\":0,\"first\":\"\",\"last\":"
             "\"\"}\n]\n");
+}
+
+// Makes one of three saved logs unreadable, each with an entry of its name's number.
+class PostwellLogWithABadOne : public PostwellLog {
+ protected:
+  PostwellLogWithABadOne() {
+    for (int i = 1; i <= 3; i++) {
+      make(pathOf(i));
+      store(std::to_string(i), 1706700000 + i, "", "", 0, 0, pathOf(i));
+    }
+    store("4", 1706700004, "", "", 0, 0);
+    runSQL(pathOf(2), "alter table mail_log_table rename to gone;");
+  }
+
+  static std::string pathOf(int number) {
+    return kFolder + "maillog_2024013" + std::to_string(number) + ".db";
+  }
+
+  const std::string told_ =
+      "postwell: cannot read " + pathOf(2) + "; the system log tells why.\n";
+};
+
+TEST_F(PostwellLogWithABadOne, ArchivesPrintsTheOthersWhole) {
+  const Outcome outcome = run({"archives"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out,
+            "maillog_20240131.db         1  2024-01-31 12:20:01 +0100 to 2024-01-31 "
+            "12:20:01 +0100\n"
+            "maillog_20240133.db         1  2024-01-31 12:20:03 +0100 to 2024-01-31 "
+            "12:20:03 +0100\n");
+  EXPECT_EQ(outcome.err, told_ + "postwell: not every saved log could be read.\n");
+  const Outcome json = run({"archives", "--json"});
+  EXPECT_EQ(json.status, 1);
+  EXPECT_EQ(json.out,
+            "[\n  {\"name\":\"maillog_20240131.db\",\"entries\":1,\"first\":\"2024-01-"
+            "31T11:20:01Z\",\"last\":\"2024-01-31T11:20:01Z\"},\n"
+            "  {\"name\":\"maillog_20240133.db\",\"entries\":1,\"first\":\"2024-01-31T11:"
+            "20:03Z\",\"last\":\"2024-01-31T11:20:03Z\"}\n]\n");
+}
+
+TEST_F(PostwellLogWithABadOne, AllTheOthersAreReadAndTheBadOneIsNamedOnce) {
+  const std::string leftOut =
+      "postwell: left out, because of the above: maillog_20240132.db\n";
+  for (const Arguments &order : {Arguments{}, Arguments{"--desc"}}) {
+    Arguments words{"list", "--all", "--json"};
+    words.insert(words.end(), order.begin(), order.end());
+    const Outcome outcome = run(words);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(std::count(outcome.out.begin(), outcome.out.end(), '\n'), 5);
+    EXPECT_EQ(outcome.out.substr(outcome.out.size() - 4), "}\n]\n");
+    EXPECT_EQ(outcome.err, told_ + leftOut);
+  }
+  const Outcome number = run({"count", "--all"});
+  EXPECT_EQ(number.status, 1);
+  EXPECT_EQ(number.out, "3\n");
+  EXPECT_EQ(number.err, told_ + leftOut);
+  const Outcome none = run({"show", "nobody", "--all"});
+  EXPECT_EQ(none.status, 1);
+  EXPECT_EQ(none.err, told_ +
+                          "postwell: no entry is like that; last record at 2024-01-31 "
+                          "12:20:04 +0100.\n" +
+                          leftOut);
+  EXPECT_EQ(ids({"list"}), "4");
+  EXPECT_EQ(ids({"list", "--archive", "maillog_20240133.db"}), "3");
+  expectRefused({"list", "--archive", "maillog_20240132.db"}, 1, "cannot read ");
+}
+
+TEST_F(PostwellLogWithABadOne, OneThatMayNotBeOpenedIsLeftOutLikewise) {
+  ASSERT_EQ(chmod(pathOf(3).c_str(), 0), 0);
+  writeFile(pathOf(1), std::string(4096, 'x'));
+  const Outcome outcome = run({"count", "--all"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out, "1\n");
+  EXPECT_EQ(outcome.err,
+            "postwell: cannot read " + pathOf(1) + "; the system log tells why.\n" +
+                told_ + "postwell: cannot open " + pathOf(3) +
+                ": Permission denied.\nRun as root.\n"
+                "postwell: left out, because of the above: maillog_20240131.db "
+                "maillog_20240132.db maillog_20240133.db\n");
+}
+
+TEST_F(PostwellLogWithABadOne, AFolderThatMayNotBeOpenedHasNoLogsToTellOf) {
+  const std::string folder = "/var/packages/Postwell/target/etc/maillog";
+  ASSERT_EQ(chmod(folder.c_str(), 0), 0);
+  const Outcome outcome = run({"archives"});
+  ASSERT_EQ(chmod(folder.c_str(), 0700), 0);
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err,
+            "postwell: cannot open " + folder + "/: Permission denied.\nRun as root.\n");
+}
+
+TEST_F(PostwellLogWithABadOne, ABadLiveLogLeavesTheSavedOnes) {
+  runSQL(kLog, "drop table mail_log_table;");
+  const Outcome outcome = run({"count", "--all"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out, "2\n");
+  EXPECT_NE(outcome.err.find("above: maillog.db maillog_20240132.db\n"),
+            std::string::npos)
+      << outcome.err;
 }
 
 TEST_F(PostwellLog, OnlyTheFoldersSavedLogsAreArchives) {
@@ -501,13 +675,21 @@ TEST_F(PostwellLog, ADaemonThatDoesNotRunIsNamed) {
   const std::string noFeed =
       "postwell: mailfeed is not running, so nothing new comes in.\n";
   writeFile(pidFile, std::to_string(getpid()) + "\n");  // another program's now
-  EXPECT_EQ(run({"list"}).err, noDaemon);
+  const std::string last = "postwell: last record at 2024-01-31 14:20:00 +0100.\n";
+  EXPECT_EQ(run({"list"}).err, noDaemon + last);
+  EXPECT_EQ(run({"list", "--desc", "--limit", "1", "--all"}).err, noDaemon + last);
   EXPECT_EQ(run({"list", "--from", "nobody"}).err,
-            "postwell: no entry is like that; the last one is of 2024-01-31 14:20:00 "
+            "postwell: no entry is like that; last record at 2024-01-31 14:20:00 "
             "+0100.\n" +
                 noDaemon);
   unlink("/run/postwell/mailfeed/mailfeed.pid");
-  EXPECT_EQ(run({"count"}).err, noDaemon + noFeed);
+  EXPECT_EQ(run({"count"}).err, noDaemon + noFeed + last);
+  for (const char *form : {"--json", "--csv", "--bars"}) {
+    const Outcome stats = run({"stats", form});
+    EXPECT_EQ(stats.status, 0);
+    EXPECT_EQ(stats.err, noDaemon + noFeed);
+    EXPECT_EQ(stats.out.find("running"), std::string::npos);
+  }
   make(kFolder + kArchive1);
   EXPECT_EQ(run({"list", "--archive", kArchive1}).err, "postwell: the log is empty.\n");
 }
@@ -534,6 +716,33 @@ TEST_F(PostwellLog, ALogThatCannotBeReadFails) {
                 "cannot open " + kLog + ": Permission denied.\nRun as root.");
 }
 
+// ---- standard streams
+
+TEST_F(PostwellLog, OutputThatCannotBeWrittenFails) {
+  storeThree();
+  const std::string message = "postwell: cannot write to standard output\n";
+  for (const char *verb : {"list", "count", "stats"}) {
+    const Outcome outcome = RUN_TEST_PROGRAM({"log", verb}, "", "/dev/full");
+    EXPECT_EQ(outcome.status, 1) << verb;
+    EXPECT_EQ(outcome.err, message) << verb;
+  }
+}
+
+// A file that got the number of a closed stream would be written into.
+TEST_F(PostwellLog, ClosedStreamsCostNoLog) {
+  storeThree();
+  runSQL(kLog, "pragma wal_checkpoint(truncate);");
+  const auto shell = [](const std::string &rest) {
+    return runNative("/bin/sh", {"-c", "exec " TEST_SHELL_PROGRAM " log " + rest});
+  };
+  EXPECT_EQ(shell("list >&-").status, 1);
+  EXPECT_EQ(shell("count >&- 2>&- <&-").status, 1);
+  database::spoilSchema(kStatistic);  // of which is told while the log is open
+  EXPECT_EQ(shell("stats 2>&-").status, 0);
+  EXPECT_EQ(readFile(kLog).substr(0, 15), "SQLite format 3");
+  EXPECT_EQ(run({"count"}).out, "3\n");
+}
+
 // ---- clear
 
 TEST_F(PostwellLog, ClearAsksOrTakesYes) {
@@ -545,6 +754,28 @@ TEST_F(PostwellLog, ClearAsksOrTakesYes) {
   EXPECT_EQ(outcome.out,
             "The live log is empty now; saved logs and statistics are kept.\n");
   EXPECT_EQ(run({"count"}).out, "0\n");
+}
+
+TEST_F(PostwellLog, ClearDoesAsItIsAnsweredOnATerminal) {
+  const std::string question = "Remove all entries of the live log? [y/N] ";
+  storeThree();
+  for (const char *answer : {"n\n", "\n", "yess\n", "", " y\n"}) {
+    const Outcome outcome = onTerminal({"clear"}, answer);
+    EXPECT_EQ(outcome.status, 1) << answer;
+    EXPECT_EQ(outcome.out, question);
+    EXPECT_EQ(outcome.err, "postwell: nothing was changed\n");
+  }
+  EXPECT_EQ(run({"count"}).out, "3\n");
+  for (const char *answer : {"y\n", "YES\n"}) {
+    const Outcome outcome = onTerminal({"clear"}, answer);
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(
+        outcome.out,
+        question + "The live log is empty now; saved logs and statistics are kept.\n");
+    EXPECT_EQ(run({"count"}).out, "0\n");
+    storeThree();
+  }
+  EXPECT_EQ(onTerminal({"clear", "--yes"}).out.find('?'), std::string::npos);
 }
 
 TEST_F(PostwellLog, AClearThatFailsSaysSo) {
@@ -629,6 +860,18 @@ TEST_F(PostwellLogStats, TheTableHasBarsWhenTheyAreWanted) {
                        std::string(10, '=') + '\n'),
             std::string::npos)
       << table;
+}
+
+TEST_F(PostwellLogStats, ATerminalGetsBarsAndNothingElseDoes) {
+  const Arguments words{"stats", "--until", "2014-05-13T16:53:20Z", "--period", "week"};
+  const Outcome outcome = onTerminal(words);
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out, at({"--period", "week", "--bars"}));
+  for (const char *form : {"--json", "--csv"}) {
+    Arguments formed = words;
+    formed.emplace_back(form);
+    EXPECT_EQ(onTerminal(formed).out, at({"--period", "week", form}));
+  }
 }
 
 TEST_F(PostwellLogStats, SumsBeyondAnIntDoNoHarm) {

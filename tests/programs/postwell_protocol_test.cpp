@@ -3,33 +3,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "programs/run_program.h"
-#include "programs/settings.h"
+#include "programs/postwell_settings_test.h"
 
 namespace {
 
-using Arguments = std::vector<std::string>;
-using Keys = std::map<std::string, std::string>;
-
-class PostwellProtocol : public testing::Test {
+class PostwellProtocol : public PostwellSettingsTest {
  protected:
-  PostwellProtocol() { writeFile(PackageTree::kSettings, kSomeSettings); }
-
-  static Outcome set(const Arguments &options) {
-    Arguments words{"protocol", "set"};
-    words.insert(words.end(), options.begin(), options.end());
-    return RUN_TEST_PROGRAM(words);
-  }
-
-  static void expectSet(const Arguments &options, const Keys &changes) {
-    writeFile(PackageTree::kSettings, kSomeSettings);
-    const Keys before = settingsNow();
-    const Outcome outcome = set(options);
-    EXPECT_EQ(outcome.status, 0) << outcome.err;
-    EXPECT_EQ(changedSince(before), changes) << testing::PrintToString(options);
-  }
-
-  PackageTree package_;
+  PostwellProtocol() : PostwellSettingsTest("protocol") {}
 };
 
 TEST_F(PostwellProtocol, PortsOfPostfixAreTaken) {
@@ -46,7 +26,7 @@ TEST_F(PostwellProtocol, PortsOfPostfixAreTaken) {
 }
 
 TEST_F(PostwellProtocol, Show) {
-  const Outcome outcome = RUN_TEST_PROGRAM({"protocol", "show"});
+  const Outcome outcome = show();
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.err, "");
   EXPECT_EQ(outcome.out,
@@ -57,7 +37,7 @@ TEST_F(PostwellProtocol, Show) {
 }
 
 TEST_F(PostwellProtocol, ShowJson) {
-  EXPECT_EQ(RUN_TEST_PROGRAM({"protocol", "show", "--json"}).out,
+  EXPECT_EQ(show({"--json"}).out,
             "{\n"
             "  \"pop3\": true,\n"
             "  \"pop3s\": false,\n"
@@ -96,15 +76,8 @@ TEST_F(PostwellProtocol, WrongValuesAreRefused) {
 
 TEST_F(PostwellProtocol, MissingSettings) {
   ASSERT_EQ(unlink(PackageTree::kSettings), 0);
-  for (const Outcome &outcome :
-       {RUN_TEST_PROGRAM({"protocol", "show"}), set({"--imap", "no"})}) {
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.err.rfind(
-                  "postwell: cannot read /var/packages/Postwell/etc/postwell.conf", 0),
-              0u)
-        << outcome.err;
-  }
+  for (const Outcome &outcome : {show(), set({"--imap", "no"})})
+    expectNoSettings(outcome);
   EXPECT_FALSE(fileExists(PackageTree::kSettings));
 }
 

@@ -4,42 +4,13 @@
 #include <kestcore.h>
 #include <sys/stat.h>
 
-#include "programs/run_program.h"
-#include "programs/settings.h"
+#include "programs/postwell_settings_test.h"
 
 namespace {
 
-using Arguments = std::vector<std::string>;
-using Keys = std::map<std::string, std::string>;
-
-class PostwellRelay : public testing::Test {
+class PostwellRelay : public PostwellSettingsTest {
  protected:
-  PostwellRelay() { writeFile(PackageTree::kSettings, kSomeSettings); }
-
-  static Outcome set(const Arguments &options, const std::string &input = "") {
-    Arguments words{"relay", "set"};
-    words.insert(words.end(), options.begin(), options.end());
-    return RUN_TEST_PROGRAM(words, input);
-  }
-
-  static void expectSet(const Arguments &options, const Keys &changes) {
-    writeFile(PackageTree::kSettings, kSomeSettings);
-    const Keys before = settingsNow();
-    const Outcome outcome = set(options);
-    EXPECT_EQ(outcome.status, 0) << outcome.err;
-    EXPECT_EQ(changedSince(before), changes) << testing::PrintToString(options);
-  }
-
-  void expectRefused(const Arguments &options, const std::string &message,
-                     const std::string &input = "") {
-    const std::string before = readFile(PackageTree::kSettings);
-    const Outcome outcome = set(options, input);
-    EXPECT_EQ(outcome.status, 2) << testing::PrintToString(options);
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.err.substr(0, outcome.err.find('\n')), "postwell: " + message);
-    EXPECT_EQ(readFile(PackageTree::kSettings), before);
-    EXPECT_TRUE(package_.takeCalls().empty());
-  }
+  PostwellRelay() : PostwellSettingsTest("relay") {}
 
   // What the settings file stores, decrypted as the daemons' side does it.
   static std::string storedPassword() {
@@ -50,12 +21,10 @@ class PostwellRelay : public testing::Test {
     EXPECT_NE(KLIBCryptSzDecrypt(stored, plain, sizeof plain), 0);
     return plain;
   }
-
-  PackageTree package_;
 };
 
 TEST_F(PostwellRelay, Show) {
-  const Outcome outcome = RUN_TEST_PROGRAM({"relay", "show"});
+  const Outcome outcome = show();
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.err, "");
   EXPECT_EQ(outcome.out,
@@ -68,7 +37,7 @@ TEST_F(PostwellRelay, Show) {
 }
 
 TEST_F(PostwellRelay, ShowJson) {
-  const Outcome outcome = RUN_TEST_PROGRAM({"relay", "show", "--json"});
+  const Outcome outcome = show({"--json"});
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.out,
             "{\n"
@@ -83,15 +52,8 @@ TEST_F(PostwellRelay, ShowJson) {
 
 TEST_F(PostwellRelay, MissingSettings) {
   ASSERT_EQ(unlink(PackageTree::kSettings), 0);
-  for (const Outcome &outcome :
-       {RUN_TEST_PROGRAM({"relay", "show"}), set({"--port", "26"})}) {
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.err.rfind(
-                  "postwell: cannot read /var/packages/Postwell/etc/postwell.conf", 0),
-              0u)
-        << outcome.err;
-  }
+  for (const Outcome &outcome : {show(), set({"--port", "26"})})
+    expectNoSettings(outcome);
 }
 
 TEST_F(PostwellRelay, SetEveryOption) {
@@ -205,6 +167,14 @@ TEST_F(PostwellRelay, WrongPasswordsAreRefused) {
   expectRefused(fromStdin, control, "x\t");
   expectRefused(fromStdin, control, std::string("a\0b", 3));
   expectRefused(fromStdin, "the password must be UTF-8", "x\xff");
+  const Outcome typed =
+      RUN_TEST_PROGRAM_ON_TERMINAL({"relay", "set", "--password-stdin"}, "secret\n");
+  EXPECT_EQ(typed.status, 2);
+  EXPECT_EQ(typed.err.rfind("postwell: --password-stdin: pipe the password in; a "
+                            "terminal shows it\n",
+                            0),
+            0u)
+      << typed.err;
   expectRefused({"--password-stdin", "--password-file", "/dev/null"},
                 "--password-stdin excludes --password-file");
 }
@@ -231,8 +201,8 @@ TEST_F(PostwellRelay, ThePasswordIsNowhereToBeSeen) {
   ASSERT_EQ(outcome.status, 0) << outcome.err;
   const std::string seen = readFile("/tmp/seen");
   EXPECT_NE(seen.find("--password-stdin"), std::string::npos) << "looked at nothing";
-  const Outcome text = RUN_TEST_PROGRAM({"relay", "show"});
-  const Outcome json = RUN_TEST_PROGRAM({"relay", "show", "--json"});
+  const Outcome text = show();
+  const Outcome json = show({"--json"});
   for (const std::string &place : {seen, outcome.out, outcome.err, text.out, text.err,
                                    json.out, json.err, readFile(PackageTree::kSettings)})
     EXPECT_EQ(place.find(secret), std::string::npos) << place;
@@ -248,7 +218,7 @@ TEST_F(PostwellRelay, ARefusedPasswordIsNotShown) {
 
 TEST_F(PostwellRelay, ALostPasswordCanBeSetAgain) {
   writeSettingsWith("smtp_relay_password", "sb1:of-another-machine");
-  const Outcome shown = RUN_TEST_PROGRAM({"relay", "show"});
+  const Outcome shown = show();
   EXPECT_EQ(shown.status, 0);
   EXPECT_NE(shown.out.find("account           bob\n"), std::string::npos);
 

@@ -60,7 +60,21 @@ TEST_F(Usage, HelpStandsEverywhere) {
                                                          {"log", "count"},
                                                          {"log", "archives"},
                                                          {"log", "clear"},
-                                                         {"log", "stats"}}) {
+                                                         {"log", "stats"},
+                                                         {"access"},
+                                                         {"access", "list"},
+                                                         {"access", "add"},
+                                                         {"access", "remove"},
+                                                         {"access", "import"},
+                                                         {"access", "export"},
+                                                         {"bcc"},
+                                                         {"bcc", "list"},
+                                                         {"bcc", "add"},
+                                                         {"bcc", "remove"},
+                                                         {"bcc", "always"},
+                                                         {"bcc", "always", "set"},
+                                                         {"bcc", "import"},
+                                                         {"bcc", "export"}}) {
     Arguments arguments = command;
     arguments.push_back("--help");
     const Outcome outcome = run(arguments);

@@ -51,21 +51,19 @@ void Receiver::serve() {
   while (!dead_ && readable(listener_, stop_[0])) {
     const int connection = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
     if (connection < 0) break;
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      ++connections_;
-    }
-    while (readable(connection, stop_[0]) && take(connection)) continue;
+    bool first = true;
+    while (readable(connection, stop_[0]) && take(connection, first)) first = false;
     close(connection);
   }
   close(listener_);
 }
 
-bool Receiver::take(int connection) {
+bool Receiver::take(int connection, bool first) {
   LogSocket record;
   const ssize_t length = recv(connection, &record, sizeof(record), 0);
-  if (length <= 0) return false;
   const std::lock_guard<std::mutex> lock(mutex_);
+  if (first) ++(length > 0 ? connections_ : emptyConnections_);
+  if (length <= 0) return false;
   if (length == sizeof(record)) {
     records_.push_back(record);
     connectionOfEach_.push_back(connections_);
@@ -73,7 +71,6 @@ bool Receiver::take(int connection) {
     ++partialReads_;
   }
   dead_ = records_.size() >= diesAfter_;
-  if (dead_) unlink(path_.c_str());
   changed_.notify_all();
   return !dead_;
 }
@@ -101,6 +98,11 @@ std::vector<LogSocket> Receiver::records() {
 size_t Receiver::connections() {
   const std::lock_guard<std::mutex> lock(mutex_);
   return connections_;
+}
+
+size_t Receiver::emptyConnections() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return emptyConnections_;
 }
 
 std::vector<size_t> Receiver::connectionOfEach() {

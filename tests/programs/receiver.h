@@ -17,7 +17,7 @@ class Receiver {
   static constexpr size_t kNever = SIZE_MAX;
 
   // Listens at the path. After `diesAfter` records it is gone in the middle of a
-  // connection, as a collector that is killed.
+  // connection, as a collector that is killed: its socket stays.
   explicit Receiver(std::string path, size_t diesAfter = kNever);
   ~Receiver();
   Receiver(const Receiver &) = delete;
@@ -30,7 +30,9 @@ class Receiver {
   void awaitDeath();
 
   std::vector<LogSocket> records();
+  // Those that brought something, and those that did not.
   size_t connections();
+  size_t emptyConnections();
   // For each record, on which connection it came, counted from 1.
   std::vector<size_t> connectionOfEach();
   // Reads that were no whole record.
@@ -38,7 +40,7 @@ class Receiver {
 
  private:
   void serve();
-  bool take(int connection);
+  bool take(int connection, bool first);
 
   const std::string path_;
   const size_t diesAfter_;
@@ -49,6 +51,7 @@ class Receiver {
   std::vector<LogSocket> records_;
   std::vector<size_t> connectionOfEach_;
   size_t connections_ = 0;
+  size_t emptyConnections_ = 0;
   size_t partialReads_ = 0;
   bool dead_ = false;
   std::thread thread_;

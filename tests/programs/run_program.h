@@ -22,7 +22,15 @@ Outcome runBuilt(const std::string &emulator, const std::string &program,
                  const std::vector<std::string> &arguments, const std::string &input = "",
                  const std::string &outPath = "");
 
+// The same with a terminal as standard input and output, into which `input` is typed,
+// and behind it the end of the input. It does not echo, and lines end in "\n".
+Outcome runOnTerminal(const std::string &emulator, const std::string &program,
+                      const std::vector<std::string> &arguments,
+                      const std::string &input = "");
+
 // The program under test, as the build defines it for each test.
 #define RUN_TEST_PROGRAM(...) runBuilt(TEST_EMULATOR, TEST_PROGRAM, __VA_ARGS__)
+#define RUN_TEST_PROGRAM_ON_TERMINAL(...) \
+  runOnTerminal(TEST_EMULATOR, TEST_PROGRAM, __VA_ARGS__)
 
 #endif  // POSTWELL_TESTS_RUN_PROGRAM_H_

@@ -3,10 +3,13 @@
 #ifndef POSTWELL_TESTS_SETTINGS_H_
 #define POSTWELL_TESTS_SETTINGS_H_
 
+#include <gtest/gtest.h>
+
 #include <map>
 #include <sstream>
 #include <string>
 
+#include "programs/run_program.h"
 #include "support/files.h"
 #include "support/package_tree.h"
 
@@ -73,6 +76,16 @@ inline void writeSettingsWith(const std::string &key, const std::string &value) 
   const size_t start = text.find("\n" + key + "=") + 1;
   text.replace(start, text.find('\n', start) - start, key + "=\"" + value + "\"");
   writeFile(PackageTree::kSettings, text);
+}
+
+// A command that found no settings file, or none that it may read.
+inline void expectNoSettings(const Outcome &outcome) {
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err,
+            "postwell: cannot read /var/packages/Postwell/etc/postwell.conf.\n"
+            "Run as root. If the file is missing, install the package again, or copy\n"
+            "/var/packages/Postwell/target/etc/postwell.conf.default to its place.\n");
 }
 
 #endif  // POSTWELL_TESTS_SETTINGS_H_

@@ -31,14 +31,18 @@ bool stopFailing() {
 
 }  // namespace allocations
 
-void *operator new(std::size_t size) {
+void *operator new(std::size_t size, const std::nothrow_t & /*tag*/) noexcept {
   if (left == 0) {
     failed = true;
     if (once) left = -1;
-    throw std::bad_alloc();
+    return nullptr;
   }
   if (left > 0) left--;
-  if (void *memory = malloc(size)) return memory;
+  return malloc(size);
+}
+
+void *operator new(std::size_t size) {
+  if (void *memory = operator new(size, std::nothrow)) return memory;
   throw std::bad_alloc();
 }
 

@@ -13,8 +13,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <utility>
 
 #include "support/connections.h"
@@ -23,7 +25,7 @@ namespace collector {
 
 time_t now = 0;
 long sleptMs = 0;
-std::function<void()> afterRename;
+std::function<void()> beforeRename, afterRename, afterAccept;
 std::string ownerName, groupName;
 
 namespace {
@@ -59,7 +61,7 @@ void reset() {
   inTest = true;
   now = kStart;
   sleptMs = 0;
-  afterRename = nullptr;
+  beforeRename = afterRename = afterAccept = nullptr;
   ownerName = groupName = failingStatement = "";
   countdown.clear();
   statements.clear();
@@ -77,6 +79,15 @@ void failStatement(const std::string &beginning, int code) {
 
 Rows takeStatements() { return std::exchange(statements, {}); }
 Rows takeCalls() { return std::exchange(calls, {}); }
+
+std::string printed(const std::string &command) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE *)> pipe(
+      popen(("LC_ALL=C; export LC_ALL; " + command).c_str(), "r"), pclose);
+  EXPECT_NE(pipe, nullptr);
+  std::string text;
+  for (int c; (c = fgetc(pipe.get())) != EOF;) text += static_cast<char>(c);
+  return text;
+}
 
 }  // namespace collector
 
@@ -141,6 +152,7 @@ REPLACED int accept4(int fd, sockaddr *address, socklen_t *length, int flags) {
   if (fails("accept4")) return -1;
   const int sender = real(&accept4, "accept4")(fd, address, length, flags);
   note("accept " + std::to_string(sender));
+  if (sender >= 0 && afterAccept) afterAccept();
   return sender;
 }
 
@@ -151,6 +163,7 @@ REPLACED int close(int fd) {
 
 REPLACED int rename(const char *from, const char *to) noexcept {
   if (fails("rename")) return -1;
+  if (beforeRename) beforeRename();
   const int result = real(&rename, "rename")(from, to);
   if (result == 0 && afterRename) afterRename();
   return result;

@@ -51,11 +51,14 @@ Rows takeStatements();
 // arguments; forgets them.
 Rows takeCalls();
 
-// Runs after each rename() that succeeds.
-extern std::function<void()> afterRename;
+// Run before each rename(), and after each rename() or accept4() that succeeds.
+extern std::function<void()> beforeRename, afterRename, afterAccept;
 
 // What getpwuid() and getgrgid() tell of every owner; "" is the truth.
 extern std::string ownerName, groupName;
+
+// What a shell that this process starts prints.
+std::string printed(const std::string &command);
 
 }  // namespace collector
 

@@ -142,6 +142,16 @@ void enterNamespaces() {
   check(mount("none", "/", "", MS_REC | MS_PRIVATE, "") == 0, "private mounts");
 }
 
+// Pseudo-terminals of its own, for whoever asks.
+void makeTerminals() {
+  const string folder = kRoot + "/dev/pts";
+  makeFolders(folder, geteuid(), getegid());
+  check(mount("terminals", folder.c_str(), "devpts", MS_NOSUID | MS_NOEXEC,
+              "newinstance,ptmxmode=0666,mode=600") == 0,
+        "devpts");
+  check(symlink("pts/ptmx", (kRoot + "/dev/ptmx").c_str()) == 0, "/dev/ptmx");
+}
+
 void buildRoot(const string &size, const std::vector<string> &keep, uid_t owner,
                gid_t group) {
   const string options = "mode=755,size=" + size;
@@ -157,6 +167,7 @@ void buildRoot(const string &size, const std::vector<string> &keep, uid_t owner,
   for (const char *device :
        {"/dev/null", "/dev/zero", "/dev/full", "/dev/random", "/dev/urandom", "/dev/tty"})
     show(device, true);
+  makeTerminals();
   check(symlink("/proc/self/fd", (kRoot + "/dev/fd").c_str()) == 0, "/dev/fd");
   for (const string &folder : keep) show(folder, true);
 }

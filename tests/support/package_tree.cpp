@@ -18,8 +18,11 @@ const char kTarget[] = "/var/packages/Postwell/target/";
 const char kNotes[] = "/tmp/postwell-test";
 const char kCalls[] = "/tmp/postwell-test/calls";
 
-const char *const kRecorded[] = {"scripts/DaemonConfSet.sh", "scripts/PostfixDaemon.sh",
-                                 "scripts/DovecotDaemon.sh", "bin/kest_gen_login_map"};
+const char *const kRecorded[] = {
+    "scripts/DaemonConfSet.sh", "scripts/PostfixDaemon.sh", "scripts/DovecotDaemon.sh",
+    "bin/kest_gen_login_map",   "bin/kest_access_map",      "bin/kest_bcc_map",
+    "bin/kest_spam_blackwhite", "scripts/SpamDaemon.sh",    "bin/kest_anti-virus",
+    "scripts/MailScanner.sh",   "scripts/SpamRuleCheck.sh"};
 
 void empty(const fs::path &folder) {
   fs::permissions(folder, fs::perms::owner_all, fs::perm_options::add);

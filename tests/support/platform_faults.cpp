@@ -81,6 +81,13 @@ int KLIBCSzHashSetValue(KLIBCSzHash **table, const char *key, const char *value)
   FAIL_OR_FORWARD(KLIBCSzHashSetValue, -1, table, key, value);
 }
 
+int KLIBCStrTrimSpace(char *text, int flags) {
+  EXPECT_EQ(flags, 0);
+  int answer = 0;
+  if (platform::hasAnswer("KLIBCStrTrimSpace", &answer)) return answer;
+  return platform::real(&KLIBCStrTrimSpace, "KLIBCStrTrimSpace")(text, flags);
+}
+
 KLIBCSzList *KLIBCSzListAlloc(int size) {
   platform::note("KLIBCSzListAlloc", std::to_string(size));
   FAIL_OR_FORWARD(KLIBCSzListAlloc, nullptr, size);

@@ -15,6 +15,7 @@ template <typename Function, typename... Arguments>
 int forward(Function * /*declared*/, const char *name, sqlite3 *db, const char *text,
             Arguments... arguments) {
   if (!inSQLite) statements.emplace_back(text);
+  if (!inSQLite && sql::onStatement) sql::onStatement(text);
   const bool nested = std::exchange(inSQLite, true);
   const auto function = reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
   const int code = function(db, text, arguments...);
@@ -23,6 +24,8 @@ int forward(Function * /*declared*/, const char *name, sqlite3 *db, const char *
 }
 
 }  // namespace
+
+std::function<void(const std::string &)> sql::onStatement;
 
 std::vector<std::string> sql::takeStatements() { return std::exchange(statements, {}); }
 

@@ -4,6 +4,7 @@
 #ifndef POSTWELL_TESTS_SQL_RECORDER_H_
 #define POSTWELL_TESTS_SQL_RECORDER_H_
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,9 @@ namespace sql {
 
 // Every text run or prepared since the last call, oldest first; forgets it.
 std::vector<std::string> takeStatements();
+
+// Called with each text before it is run or prepared, with the test's own as well.
+extern std::function<void(const std::string &)> onStatement;
 
 }  // namespace sql
 

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <ctime>
 #include <functional>
+#include <memory>
 #include <utility>
 
 #include "platform/children.h"
@@ -298,58 +299,55 @@ TEST_F(DBHandlerTest, ACorruptPageIsCode11) {
   EXPECT_EQ(rowsOf(kPath, kAll), Rows{"1|seed"});
 }
 
-TEST_F(DBHandlerTest, WithoutATimeoutALockedFileFailsAtOnce) {
-  createFile();
-  database::Connection holder(kPath);
-  ASSERT_EQ(holder.run("BEGIN EXCLUSIVE;"), 0);
-  DBHandler handle(kPath, kSchema);
+// A file that another connection keeps locked.
+class LockedTest : public DBHandlerTest {
+ protected:
+  LockedTest() {
+    createFile();
+    holder = std::make_unique<database::Connection>(kPath);
+    EXPECT_EQ(holder->run("BEGIN EXCLUSIVE;"), 0);
+  }
+
+  // A statement fails after SQLite has waited so long.
+  void expectLocked(unsigned int microseconds) {
+    EXPECT_EQ(handle.exeCmds(commands({"select * from t;"}), false), 5);
+    EXPECT_EQ(sleptMicroseconds, microseconds);
+    expectLog({"DBHandler.cpp: sqlite3_exec fail, err=[5], database is locked"});
+  }
+
+  std::unique_ptr<database::Connection> holder;
+  DBHandler handle{kPath, kSchema};
+};
+
+TEST_F(LockedTest, WithoutATimeoutALockedFileFailsAtOnce) {
   handle.setBusyTimeout(0);
   EXPECT_EQ(handle.connect(), 0);
-  EXPECT_EQ(handle.exeCmds(commands({"select * from t;"}), false), 5);
-  EXPECT_EQ(sleptMicroseconds, 0u);
-  expectLog({"DBHandler.cpp: sqlite3_exec fail, err=[5], database is locked"});
+  expectLocked(0);
 }
 
-TEST_F(DBHandlerTest, WithATimeoutSQLiteWaitsThatLong) {
-  createFile();
-  database::Connection holder(kPath);
-  ASSERT_EQ(holder.run("BEGIN EXCLUSIVE;"), 0);
-  DBHandler handle(kPath, kSchema);
+TEST_F(LockedTest, WithATimeoutSQLiteWaitsThatLong) {
   handle.setBusyTimeout(300);
   EXPECT_EQ(handle.connect(), 0);
-  EXPECT_EQ(handle.exeCmds(commands({"select * from t;"}), false), 5);
-  EXPECT_EQ(sleptMicroseconds, 300'000u);
-  expectLog({"DBHandler.cpp: sqlite3_exec fail, err=[5], database is locked"});
+  expectLocked(300'000);
 }
 
-TEST_F(DBHandlerTest, TheShortestTimeoutIsOneMillisecond) {
-  createFile();
-  database::Connection holder(kPath);
-  ASSERT_EQ(holder.run("BEGIN EXCLUSIVE;"), 0);
-  DBHandler handle(kPath, kSchema);
+TEST_F(LockedTest, TheShortestTimeoutIsOneMillisecond) {
   handle.setBusyTimeout(1);
   EXPECT_EQ(handle.connect(), 0);
-  EXPECT_EQ(handle.exeCmds(commands({"select * from t;"}), false), 5);
-  EXPECT_EQ(sleptMicroseconds, 1000u);
-  expectLog({"DBHandler.cpp: sqlite3_exec fail, err=[5], database is locked"});
+  expectLocked(1000);
 }
 
-TEST_F(DBHandlerTest, TheWaitOfACreationEndsWithIt) {
-  DBHandler handle(kPath, kSchema);
+TEST_F(LockedTest, TheWaitOfACreationEndsWithIt) {
+  holder.reset();
+  ASSERT_EQ(unlink(kPath.c_str()), 0);
   EXPECT_EQ(handle.createDB(), 0);
-  database::Connection holder(kPath);
-  ASSERT_EQ(holder.run("BEGIN EXCLUSIVE;"), 0);
-  EXPECT_EQ(handle.exeCmds(commands({"select * from t;"}), false), 5);
-  EXPECT_EQ(sleptMicroseconds, 0u);
-  expectLog({"DBHandler.cpp: sqlite3_exec fail, err=[5], database is locked"});
+  holder = std::make_unique<database::Connection>(kPath);
+  ASSERT_EQ(holder->run("BEGIN EXCLUSIVE;"), 0);
+  expectLocked(0);
 }
 
-TEST_F(DBHandlerTest, AWaitEndsWithTheLock) {
-  createFile();
-  database::Connection holder(kPath);
-  ASSERT_EQ(holder.run("BEGIN EXCLUSIVE;"), 0);
-  meanwhile = [&holder] { EXPECT_EQ(holder.run("COMMIT;"), 0); };
-  DBHandler handle(kPath, kSchema);
+TEST_F(LockedTest, AWaitEndsWithTheLock) {
+  meanwhile = [this] { EXPECT_EQ(holder->run("COMMIT;"), 0); };
   handle.setBusyTimeout(60'000);
   EXPECT_EQ(handle.connect(), 0);
   EXPECT_EQ(handle.exeCmds(commands({"insert into t values(2,'x');"}), true), 0);
@@ -358,21 +356,14 @@ TEST_F(DBHandlerTest, AWaitEndsWithTheLock) {
   EXPECT_EQ(rowsOf(kPath, kAll), (Rows{"1|seed", "2|x"}));
 }
 
-TEST_F(DBHandlerTest, ATimeoutCountsFromTheNextConnectAndOnlyAboveZero) {
-  createFile();
-  database::Connection holder(kPath);
-  ASSERT_EQ(holder.run("BEGIN EXCLUSIVE;"), 0);
-  DBHandler handle(kPath, kSchema);
+TEST_F(LockedTest, ATimeoutCountsFromTheNextConnectAndOnlyAboveZero) {
   EXPECT_EQ(handle.connect(), 0);
   handle.setBusyTimeout(300);
-  EXPECT_EQ(handle.exeCmds(commands({"select * from t;"}), false), 5);
-  EXPECT_EQ(sleptMicroseconds, 0u);
+  expectLocked(0);
   EXPECT_EQ(handle.disconnect(), 0);
   handle.setBusyTimeout(0xffffffffu);  // -1, as an int
   EXPECT_EQ(handle.connect(), 0);
-  EXPECT_EQ(handle.exeCmds(commands({"select * from t;"}), false), 5);
-  EXPECT_EQ(sleptMicroseconds, 0u);
-  log.take();
+  expectLocked(0);
 }
 
 // ---- transactions

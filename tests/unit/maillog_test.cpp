@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <optional>
 
 #include "maillogger.h"
 #include "support/connections.h"
@@ -165,6 +166,14 @@ TEST_F(MailLogTest, ALogThatCannotBeOpenedEndsTheConstructionThere) {
              "DBHandler.cpp: Create DB fail;"});
 }
 
+TEST_F(MailLogTest, ANullPathIsAnErrorBeforeAnythingIsMade) {
+  std::remove(kStatistic.c_str());
+  const MailLog unusable(nullptr);
+  EXPECT_EQ(unusable.error(), -1);
+  EXPECT_FALSE(fileExists(kStatistic));
+  expectLog({"maillog.cpp: Bad Parameter"});
+}
+
 TEST_F(MailLogTest, StatisticsThatCannotBeOpenedLeaveTheObjectUnusable) {
   std::remove(kStatistic.c_str());
   ASSERT_EQ(chmod("/var/packages/Postwell/etc", 0555), 0);
@@ -182,6 +191,19 @@ TEST_F(MailLogTest, DestroyingClosesBothFiles) {
 }
 
 // A file that somebody has begun to make is empty for a moment.
+// What stays beside it would be counted among the saved logs.
+TEST_F(MailLogTest, AReaderOfASavedLogLeavesNothingBesideIt) {
+  store("1");
+  const std::string saved = "maillog_20231114.db";
+  ASSERT_EQ(rename(kLog.c_str(), (kFolder + saved).c_str()), 0);
+  {
+    MailLog reader((kFolder + saved).c_str());
+    EXPECT_EQ(reader.getLogNum(), 1);
+    EXPECT_EQ(collector::savedLogs().size(), 3u);  // with its write-ahead log
+  }
+  EXPECT_EQ(collector::savedLogs(), Rows{saved});
+}
+
 TEST_F(MailLogTest, AnEmptyFileIsWaitedForForASecondThenFilled) {
   for (const char *end : {"-wal", "-shm"}) std::remove((kLog + end).c_str());
   writeFile(kLog, "");
@@ -202,6 +224,26 @@ TEST_F(MailLogTest, AMissingLogIsLeftToACollectorForASecondThenMade) {
   EXPECT_EQ(sleptMs, 990);
   std::remove(collector::kSocket.c_str());
   EXPECT_EQ(log.take().size(), 2u);
+}
+
+// SQLite opens the write-ahead log, by its name, when it first reads.
+TEST_F(MailLogTest, ConstructingReadsTheLogOnce) {
+  const MailLog log_(kLog.c_str());
+  EXPECT_EQ(sql::takeStatements(), Rows{"PRAGMA schema_version;"});
+}
+
+TEST_F(MailLogTest, ALogThatIsHeldAloneIsWaitedForByConstructingAndWorksOnceItIsFree) {
+  store("kept");
+  std::optional<database::Connection> holder(kLog);
+  ASSERT_EQ(holder->run("pragma locking_mode = exclusive; begin immediate; commit;"), 0);
+  MailLog log_(kLog.c_str());
+  EXPECT_EQ(log_.error(), 0);
+  EXPECT_GE(sleptMs, 59'000);
+  EXPECT_LE(sleptMs, 60'000);
+  EXPECT_EQ(log_.getLogNum(), -1);
+  EXPECT_LE(sleptMs, 2 * 60'000);
+  holder.reset();
+  EXPECT_EQ(log_.getLogNum(), 1);
 }
 
 // ---- counting
@@ -963,6 +1005,23 @@ TEST_F(StatisticTest, AFileWithAllThatIsKeptIsSummedUpWhole) {
   EXPECT_EQ(inbound(kEnd, WEEK), (Numbers{24, 24, 24, 24, 24, 24, 17}));
   EXPECT_EQ(inbound(kEnd, MONTH), month);
   EXPECT_EQ(inbound(kEnd, HALF_YEAR), halfYear);
+}
+
+TEST_F(StatisticTest, AllIntervalsAreOfOneStateAndAWriterWaitsForTheLast) {
+  count("hour", 1399939200 - 6 * 86400, "1, 0, 0, 0, 0");
+  count("hour", 1399939200, "1, 0, 0, 0, 0");
+  database::Connection writer(kStatistic);
+  int selects = 0, written = -1;
+  sql::onStatement = [&](const std::string &text) {
+    if (text.rfind("SELECT SUM", 0) != 0 || ++selects < 7) return;
+    written = writer.run("update log_statistic_hour set inbound_quantity = 2;");
+  };
+  const Numbers sums = inbound(kEnd, WEEK);
+  sql::onStatement = nullptr;
+  EXPECT_EQ(written, 5);  // busy
+  EXPECT_EQ(sums, (Numbers{1, 0, 0, 0, 0, 0, 1}));
+  EXPECT_EQ(writer.run("update log_statistic_hour set inbound_quantity = 2;"), 0);
+  EXPECT_EQ(inbound(kEnd, WEEK), (Numbers{2, 0, 0, 0, 0, 0, 2}));
 }
 
 TEST_F(StatisticTest, NothingStaysLockedBehindTheSums) {

@@ -146,6 +146,15 @@ TEST_F(CounterTest, NothingIsWrittenWithin30SecondsOfTheLastWrite) {
   EXPECT_EQ(second(), row(kSecond, "0|1|0|0.0|1.0"));
 }
 
+// The start counts as an entry: what is too old goes at once.
+TEST_F(CounterTest, ThirtySecondsAfterTheStartIsNotTooLateForAWriteEither) {
+  ASSERT_EQ(database::Connection(kStatistic)
+                .run("insert into log_statistic_second(time) values (1);"),
+            0);
+  pass(30);
+  EXPECT_EQ(table("second"), Rows());
+}
+
 TEST_F(CounterTest, ThirtySecondsAfterTheLastEntryIsNotTooLateForAWrite) {
   pass(20);
   count(STATUS_SENT, 1024);
@@ -311,12 +320,13 @@ TEST_F(CounterTest, ARestartInTheNextIntervalBeginsAnew) {
 
 TEST_F(CounterTest, BytesAreReadBackWithTwoDecimals) {
   count(STATUS_RECEIVE, 1000);  // 0.98 KiB are 1003 bytes
+  count(STATUS_SENT, 1000);
   end();
   logger.emplace(1000, 1000);
-  count(STATUS_RECEIVE, 24);  // 1027 are 1.00, 1024 would be too
-  count(STATUS_RECEIVE, 3);   // 1030: 1.01
+  count(STATUS_RECEIVE, 26);  // 1029: 1.00
+  count(STATUS_SENT, 27);     // 1030: 1.01
   end();
-  EXPECT_EQ(second(), row(kSecond, "3|0|0|1.01|0.0"));
+  EXPECT_EQ(second(), row(kSecond, "2|2|0|1.0|1.01"));
 }
 
 TEST_F(CounterTest, ValuesThatNoCounterCanHoldAreReadAsTheNearest) {

@@ -1,10 +1,12 @@
 // Moving the live log aside, and what happens to the logs that are saved.
 
 #include <fcntl.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -12,6 +14,7 @@
 #include <optional>
 #include <random>
 
+#include "maillog.h"
 #include "maillogger.h"
 #include "platform/children.h"
 #include "support/collector_test.h"
@@ -287,16 +290,6 @@ TEST_F(RotationTest, TheOldestOfAnEmptyFolderIsNone) {
   EXPECT_EQ(savedLogs().size(), 21u);
 }
 
-// What the shell prints.
-std::string printed(const std::string &command) {
-  const std::unique_ptr<std::FILE, int (*)(std::FILE *)> pipe(
-      popen(("LC_ALL=C; export LC_ALL; " + command).c_str(), "r"), pclose);
-  EXPECT_NE(pipe, nullptr);
-  std::string text;
-  for (int c; (c = fgetc(pipe.get())) != EOF;) text += static_cast<char>(c);
-  return text;
-}
-
 // Saved logs are counted and chosen as these commands do.
 struct Listed {
   int count = -1;
@@ -515,6 +508,42 @@ class Reader {
 const char kLook[] = "select count(*) from mail_log_table;";
 const char kHold[] = "begin; select count(*) from mail_log_table;";
 
+// Another process that moves the write-ahead log into the file, and goes on no further
+// than to a reader of an older state.
+class Checkpointer {
+ public:
+  Checkpointer() {
+    EXPECT_EQ(pipe(told_), 0);
+    child_ = startChild([this] {
+      sqlite3 *connection = nullptr;
+      if (sqlite3_open(kLog.c_str(), &connection) != SQLITE_OK) return 1;
+      sqlite3_busy_handler(connection, tellAndWait, this);
+      return sqlite3_exec(connection, "pragma wal_checkpoint(full);", nullptr, nullptr,
+                          nullptr);
+    });
+    char byte = 0;
+    EXPECT_EQ(read(told_[0], &byte, 1), 1);
+  }
+
+  ~Checkpointer() {
+    kill(child_, SIGKILL);
+    endOf(child_);
+    for (const int fd : told_) ::close(fd);
+  }
+
+  Checkpointer(const Checkpointer &) = delete;
+  Checkpointer &operator=(const Checkpointer &) = delete;
+
+ private:
+  static int tellAndWait(void *self, int /*times*/) {
+    EXPECT_EQ(write(static_cast<Checkpointer *>(self)->told_[1], ".", 1), 1);
+    return pause();  // until it is killed
+  }
+
+  int told_[2];
+  pid_t child_;
+};
+
 TEST_F(RotationTest, AReaderConnectedThroughTenRotationsCostsNoRow) {
   pass(1);
   Reader reader(kLook);
@@ -565,6 +594,22 @@ TEST_F(RotationTest, AReaderInATransactionThroughTenRotationsCostsNoRow) {
   log.take();
 }
 
+TEST_F(RotationTest, ACheckpointOfAnotherDelaysTheRotationAndCostsNoRow) {
+  pass(1);
+  {
+    Reader reader(kHold);
+    pass(kThreshold - 1);
+    const Checkpointer other;
+    logger->rotateLog();
+    expectLog({"debug maillogger.cpp: " + kLog + " is in use, rotate later"});
+    EXPECT_EQ(savedLogs(), Rows());
+  }
+  pass(1);
+  EXPECT_EQ(savedLogs(), Rows{kToday});
+  EXPECT_EQ(allIds(), stored());
+  log.take();
+}
+
 TEST_F(RotationTest, AReaderThatEndsAfterTheRotationLeavesTheNewLogAlone) {
   pass(1);
   auto reader = std::make_unique<Reader>(kLook);
@@ -573,6 +618,89 @@ TEST_F(RotationTest, AReaderThatEndsAfterTheRotationLeavesTheNewLogAlone) {
   reader.reset();  // the last to close the saved log
   EXPECT_EQ(allIds(), stored());
   pass(1);
+  EXPECT_EQ(allIds(), stored());
+  log.take();
+}
+
+// A reader of the library's, another process, that closes the log when it is told to. It
+// stops where it is about to remove a file, until it is told to go on.
+class ClosingReader {
+ public:
+  ClosingReader() {
+    EXPECT_EQ(pipe(orders_), 0);
+    EXPECT_EQ(pipe(told_), 0);
+    child_ = startChild([this] {
+      auto reader = std::make_unique<MailLog>(kLog.c_str());
+      instead_ = this;
+      sqlite3_vfs *const system = sqlite3_vfs_find(nullptr);
+      system->xSetSystemCall(system, "unlink",
+                             reinterpret_cast<sqlite3_syscall_ptr>(removeWhenTold));
+      tellAndWait("opened");
+      reader.reset();
+      tell("closed");
+      return 0;
+    });
+    EXPECT_EQ(heard(), "opened");
+  }
+
+  ~ClosingReader() {
+    for (const int fd : {orders_[0], orders_[1], told_[0], told_[1]}) ::close(fd);
+  }
+
+  ClosingReader(const ClosingReader &) = delete;
+  ClosingReader &operator=(const ClosingReader &) = delete;
+
+  // Lets it close the log as far as it gets by itself.
+  void beginToClose() {
+    order();
+    state_ = heard();
+  }
+
+  void finish() {
+    while (state_ != "closed") beginToClose();
+    EXPECT_EQ(endOf(child_), 0);
+  }
+
+ private:
+  static int removeWhenTold(const char *path) {
+    instead_->tellAndWait("remove");
+    return unlink(path);
+  }
+
+  void order() const { EXPECT_EQ(write(orders_[1], ".", 1), 1); }
+  void tell(const char *what) const { EXPECT_EQ(write(told_[1], what, 6), 6); }
+  void tellAndWait(const char *what) const {
+    tell(what);
+    char byte;
+    EXPECT_EQ(read(orders_[0], &byte, 1), 1);
+  }
+  std::string heard() const {
+    char what[6] = "";
+    EXPECT_EQ(read(told_[0], what, sizeof what), 6);
+    return {what, sizeof what};
+  }
+
+  static ClosingReader *instead_;
+  int orders_[2], told_[2];
+  pid_t child_;
+  std::string state_;
+};
+ClosingReader *ClosingReader::instead_;
+
+// Were it to tidy up behind itself, what it removes would be the new log's by then.
+TEST_F(RotationTest, AReaderThatClosesTheLogDuringTheRotationLeavesTheNewOneAlone) {
+  pass(kThreshold);
+  ClosingReader reader;
+  beforeRename = [&] { reader.beginToClose(); };
+  pass(1);
+  EXPECT_EQ(savedLogs(), Rows{kToday});
+  pass(1);
+  {
+    const Reader ofTheNewOne(kLook);  // keeps its write-ahead log in use
+    pass(1);
+    reader.finish();
+    pass(1);
+  }
   EXPECT_EQ(allIds(), stored());
   log.take();
 }

@@ -1,9 +1,13 @@
 #include "maillogger.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -290,6 +294,71 @@ TEST_F(MailLoggerTest, ASecondCollectorTakesTheSocketAndTheFirstOneRemovesIt) {
   EXPECT_FALSE(fileExists(kSocket));
 }
 
+// Whoever is started while it is at work, by whatever in the process, would keep senders
+// waiting in a queue that nobody serves.
+TEST_F(MailLoggerTest, AProgramThatIsStartedInheritsNeitherTheSocketNorAConnection) {
+  makeFiles();
+  const auto sockets = [] { return printed("ls -l /proc/self/fd | grep -o socket:.*"); };
+  const std::string before = sockets();
+  MailLogger logger(10, 1000);
+  std::optional<std::string> during;
+  afterAccept = [&] { during = sockets(); };
+  send({});
+  logger.receiveLog();
+  EXPECT_EQ(during, before);
+}
+
+// All descriptors below a number are taken as long as it lives.
+class Descriptors {
+ public:
+  explicit Descriptors(int below) {
+    rlimit more = before_;
+    more.rlim_cur = std::min<rlim_t>(before_.rlim_max, static_cast<rlim_t>(below) + 100);
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &more), 0);
+    int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    for (; next >= 0 && next < below; next = dup(next)) taken_.push_back(next);
+    EXPECT_EQ(next, below);
+    ::close(next);
+  }
+  ~Descriptors() {
+    for (const int fd : taken_) ::close(fd);
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before_), 0);
+  }
+  Descriptors(const Descriptors &) = delete;
+  Descriptors &operator=(const Descriptors &) = delete;
+
+ private:
+  static rlimit limit() {
+    rlimit found{};
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &found), 0);
+    return found;
+  }
+
+  const rlimit before_ = limit();
+  std::vector<int> taken_;
+};
+
+TEST_F(MailLoggerTest, TheLastDescriptorThatSelectCanWatchWillDo) {
+  makeFiles();
+  const Descriptors taken(FD_SETSIZE - 1);
+  MailLogger logger(0, 1000);
+  EXPECT_EQ(logger.error(), 0);
+  send({bytesOf(numbered(1))});
+  logger.run();
+  EXPECT_EQ(idsIn(kLog), Rows{"1"});
+}
+
+TEST_F(MailLoggerTest, ADescriptorThatSelectCannotWatchFailsTheConstructionAndIsClosed) {
+  makeFiles();
+  const Descriptors taken(FD_SETSIZE);
+  takeCalls();
+  MailLogger logger(10, 1000);
+  EXPECT_EQ(logger.error(), -1);
+  expectLog({"maillogger.cpp: create socket fail"});
+  EXPECT_FALSE(fileExists(kSocket));
+  EXPECT_EQ(takeCalls(), Rows{"close " + std::to_string(FD_SETSIZE)});
+}
+
 // ---- a pass
 
 TEST_F(RunningTest, ThreeRecordsAreThreeRowsInTheirOrder) {
@@ -325,6 +394,17 @@ TEST_F(RunningTest, WithoutASenderAPassWaitsThreeSecondsAndStillChecks) {
   EXPECT_EQ(takeCalls().at(0), "select 3 0");
   EXPECT_EQ(now, before + 3);
   EXPECT_EQ(idsIn(kLog), Rows{"1"});
+}
+
+TEST_F(RunningTest, APassWritesTheLogBeforeTheCounters) {
+  cache(1);
+  now += 30;
+  send({});
+  logger->run();
+  const Rows statements = takeStatements();
+  ASSERT_GE(statements.size(), 5u);
+  EXPECT_EQ(statements[1].find("INSERT INTO 'mail_log_table'"), 0u);
+  EXPECT_EQ(statements[4].find("DELETE FROM log_statistic_second"), 0u);
 }
 
 TEST_F(RunningTest, AFailedWaitIsSilent) {

@@ -2,19 +2,26 @@
 // made to fail in turn.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <functional>
 #include <regex>
 #include <vector>
 
 #include "DBHandler.h"
+#include "access.h"
 #include "alias.h"
+#include "bcc.h"
 #include "domain.h"
 #include "maillog.h"
 #include "postwell.h"
 #include "receive_protocol.h"
+#include "security.h"
 #include "smtp.h"
+#include "spam.h"
+#include "spam_filter.h"
 #include "support/allocation_faults.h"
 #include "support/database.h"
 #include "support/files.h"
@@ -49,6 +56,18 @@ class OutOfMemoryTest : public testing::Test {
                                           "\"\nsmtp_relay_server=\"" + kLong +
                                           "\"\nimap_enabled=\"yes\"\n");
   }
+
+  // What was logged since, each as "source.cpp: text".
+  std::vector<std::string> logged() {
+    std::vector<std::string> texts;
+    for (const LogLine &line : log.take()) {
+      EXPECT_EQ(line.priority, LOG_ERR) << line.text;
+      texts.push_back(std::regex_replace(line.text, std::regex(":[0-9]+ "), ": ",
+                                         std::regex_constants::format_first_only));
+    }
+    return texts;
+  }
+
   PackageTree tree;
   SyslogReader log;
 };
@@ -262,6 +281,196 @@ TEST_F(OutOfMemoryTest, MailLogLoadsWholeEntriesAndNeverThrows) {
                 line.text.find("Open database fail") != std::string::npos ||
                 line.text.find("Create DB fail") != std::string::npos)
         << line.text;
+}
+
+// Stores three long rules in the table, and counts what is stored.
+template <class Rules, class Rule>
+void expectStoredWhole(Rules &rules, int (Rules::*set)(const std::list<Rule> &) noexcept,
+                       const std::list<Rule> &three, const std::function<int()> &count) {
+  for (long n = 0;; n++) {
+    allocations::failAfter(n);
+    const int result = (rules.*set)(three);
+    if (!allocations::stopFailing()) break;
+    EXPECT_NE(result, 0) << n;
+    EXPECT_EQ(count(), 0) << n;  // of a list that has no room nothing is run
+    ASSERT_LT(n, 2000);
+  }
+  EXPECT_EQ(count(), 3);
+}
+
+TEST_F(OutOfMemoryTest, RulesAreStoredAndReadOrFailAndNeverThrow) {
+  const auto fail = [this](long n, const auto &make, std::vector<std::string> lines) {
+    allocations::failAfter(n);
+    EXPECT_EQ(make(), nullptr);
+    EXPECT_TRUE(allocations::stopFailing());
+    EXPECT_EQ(logged(), lines);
+  };
+  const std::string noAccess = "access.cpp: db init fail",
+                    noBcc = "bcc.cpp: bcc init fail";
+  fail(0, Access::getInstance, {noAccess});
+  fail(1, Access::getInstance, {noAccess, noAccess});  // of its handle, then its own
+  fail(0, BCC::getInstance, {noBcc});
+  fail(1, BCC::getInstance, {"bcc.cpp: bcc db init fail", noBcc});
+  Access *const access = Access::getInstance();
+  BCC *const bcc = BCC::getInstance();
+  ASSERT_TRUE(access != nullptr && bcc != nullptr);
+  const Filter all = {0, 10, "all", ""};
+  std::list<AccessInfo> accessRules;
+  std::list<BccInfo> bccRules;
+  for (const char *name : {"a", "b", "c"}) {
+    accessRules.emplace_back(TYPE_SENDER, NAME_DOMAIN, name + kLong, ACCESS_REJECT);
+    bccRules.emplace_back(BCC_SENDER, name + kLong, "x");
+  }
+  const auto countAccess = [&] { return access->getTotalAccessNum(all); };
+  const auto countBcc = [&] { return bcc->getTotalBccNum(all); };
+  EXPECT_EQ(countAccess() + countBcc(), 0);
+  expectStoredWhole(*access, &Access::setAccess, accessRules, countAccess);
+  expectStoredWhole(*bcc, &BCC::setBCC, bccRules, countBcc);
+  const auto listed = [](size_t size) { return size == 3 ? 0 : -1; };
+  const std::string file = "/var/packages/Postwell/etc/list.txt";
+  const std::function<int()> operations[] = {
+      [&] { return listed(access->getAllAccessList(all).size()); },
+      [&] { return listed(access->getAccessList(TYPE_SENDER, 0, 9).size()); },
+      [&] { return listed(bcc->getAllBCCList(all).size()); },
+      [&] { return listed(bcc->getBCCList(BCC_SENDER, 0, 9).size()); },
+      [&] { return access->importAccess(TYPE_SENDER, file); },
+      [&] { return bcc->importBCC(BCC_SENDER, file); },
+      [&] { return access->deleteAccess(accessRules); },
+      [&] { return bcc->deleteBCC(bccRules); }};
+  writeFile(file, "a" + kLong + " OK\n");
+  for (const auto &operation : operations) {
+    EXPECT_GT(sweep(operation), 1);
+    log.take();
+  }
+  EXPECT_EQ(countAccess(), 0);
+}
+
+TEST_F(OutOfMemoryTest, SpamListsAreStoredAndReadOrFailAndNeverThrow) {
+  Spam *spam = nullptr;
+  const auto make = [&spam] { return (spam = Spam::getInstance()) != nullptr ? 0 : -1; };
+  EXPECT_GT(sweep(make), 5);
+  ASSERT_NE(spam, nullptr);
+  const std::vector<std::string> tries = logged();
+  EXPECT_GT(std::count(tries.begin(), tries.end(), "spam.cpp: db init fail"), 0);
+  std::list<BlackWhite> three;
+  for (const char *name : {"a", "b", "c"})
+    three.push_back({name + kLong, TYPE_BLACK, TYPE_SENDER, NAME_DOMAIN});
+  const BlackWhiteFilter all = {0, 10, -1, -1, "*", ""};
+  expectStoredWhole(*spam, &Spam::addBlackWhiteList, three,
+                    [&] { return spam->countQueryData(all); });
+  log.take();
+  // this line, of a read that fails without a code of SQLite's
+  allocations::failAfter(0);
+  EXPECT_EQ(spam->getBlackWhiteList(all).size(), 0u);
+  EXPECT_TRUE(allocations::stopFailing());
+  EXPECT_EQ(logged(),
+            (std::vector<std::string>{"spam.cpp: Out of memory",
+                                      "spam.cpp: query black white data fail"}));
+  const std::string file = "/var/packages/Postwell/etc/list.txt";
+  writeFile(file, "From: d" + kLong + " yes\n");
+  const std::function<int()> operations[] = {
+      [&] { return spam->getBlackWhiteList(all).size() == 3 ? 0 : -1; },
+      [&] { return spam->countQueryData(all) == 3 ? 0 : -1; },
+      [&] { return spam->addBlackWhite(three.front()); },
+      [&] { return spam->deleteBlackWhite(three.front()); },
+      [&] { return spam->deleteBlackWhiteList(three); },
+      [&] { return spam->importBlackWhite(TYPE_WHITE, file); },
+      [&] { return spam->exportBlackWhite(TYPE_WHITE, file); }};
+  for (const auto &operation : operations) {
+    EXPECT_GT(sweep(operation), 1);
+    log.take();
+  }
+  EXPECT_EQ(spam->countQueryData(all), 1);
+}
+
+TEST_F(OutOfMemoryTest, BlocklistsAreReadAndWrittenWholeOrFailAndNeverThrow) {
+  const std::string file = "/var/packages/Postwell/etc/spamlist.conf";
+  const auto textOf = [](const std::string &name) {
+    return "[RBL server]\n" + name + kLong + "\n[RHSBL server]\n" + name + kLong + "\n";
+  };
+  writeFile(file, textOf("a"));
+  EXPECT_GT(sweep([] { return DNSBL::getInstance() != nullptr ? 0 : -1; }), 5);
+  DNSBL &dnsbl = *DNSBL::getInstance();
+  EXPECT_GT(sweep([&] { return dnsbl.getDNSBList().size() == 2 ? 0 : -1; }), 3);
+  const std::list<DNSBinfo> other = {{"b" + kLong, RBL}, {"b" + kLong, RHSBL}};
+  const std::list<DNSBinfo> before = dnsbl.getDNSBList();
+  for (long n = 0; n < 4; n++) {  // two elements, two texts
+    allocations::failAfter(n);
+    dnsbl.setDNSBList(other);
+    dnsbl.addDNSBList(other);
+    EXPECT_TRUE(allocations::stopFailing());
+    EXPECT_TRUE(dnsbl.getDNSBList() == before) << n;
+  }
+  dnsbl.setDNSBList(other);
+  int failures = 0;
+  for (long n = 0;; n++, failures++) {
+    allocations::failAfter(n);
+    const int result = dnsbl.applySettings();
+    if (!allocations::stopFailing()) break;
+    EXPECT_LT(result, 0) << n;
+    const std::string found = readFile(file);
+    EXPECT_TRUE(found == textOf("a") || found == textOf("b")) << found;
+    ASSERT_LT(n, 2000);
+  }
+  EXPECT_GT(failures, 10);
+  EXPECT_EQ(readFile(file), textOf("b"));
+  for (const LogLine &line : log.take()) EXPECT_EQ(line.priority, LOG_ERR);
+}
+
+TEST_F(OutOfMemoryTest, SpamSettingsAndRulesAreChangedOrLoggedAndNeverThrow) {
+  Spam *const spam = Spam::getInstance();
+  ASSERT_NE(spam, nullptr);
+  spam->setRewriteSubject("old");
+  log.take();
+  allocations::failAfter(0);
+  spam->setRewriteSubject(kLong);
+  EXPECT_TRUE(allocations::stopFailing());
+  EXPECT_EQ(spam->getRewriteSubject(), "old");
+  EXPECT_EQ(log.take().size(), 1u);
+  EXPECT_GT(sweep([&] { return spam->applySettings(); }), 10);
+  const std::string imported = "/var/packages/Postwell/etc/rules/",
+                    active = "/var/packages/Postwell/target/etc/spamassassin/",
+                    rule = std::string(200, 'x');
+  for (const std::string &folder : {imported, active}) {
+    mkdir(folder.c_str(), 0755);
+    ASSERT_EQ(chmod(folder.c_str(), 0755), 0);
+  }
+  writeFile(imported + rule, "rule");
+  const std::function<int()> reads[] = {
+      [&] { return Spam::GetImportRulePath(rule).empty() ? -1 : 0; },
+      [&] { return spam->getSpamRules().size() == 1 ? 0 : -1; }};
+  for (const auto &read : reads) EXPECT_GT(sweep(read), 0);
+  log.take();
+  const std::pair<void (Spam::*)(const std::string &) noexcept, std::string> changes[] = {
+      {&Spam::enableRule, "+"}, {&Spam::disableRule, "-"}, {&Spam::deleteRule, ""}};
+  const auto state = [&] {
+    const std::list<SpamRule> rules = spam->getSpamRules();
+    return rules.empty() ? "" : rules.front().isEnable ? "+" : "-";
+  };
+  for (const auto &[change, after] : changes) {
+    const std::string before = state();
+    allocations::failAfter(0);
+    (spam->*change)(rule);
+    EXPECT_TRUE(allocations::stopFailing());
+    EXPECT_EQ(state(), before);
+    EXPECT_EQ(log.take().size(), 1u);
+    (spam->*change)(rule);
+    EXPECT_EQ(state(), after);
+  }
+}
+
+TEST_F(OutOfMemoryTest, SecurityIsMadeWholeAndLogsWhatItDoesNotReport) {
+  writeFile("/var/packages/Postwell/etc/spamlist.conf", "");
+  EXPECT_GT(sweep([] { return Security::getInstance() != nullptr ? 0 : -1; }), 2);
+  Security *const security = Security::getInstance();
+  log.take();
+  for (long n = 0;; n++) {
+    allocations::failAfter(n);
+    EXPECT_EQ(security->applySettings(), 0);
+    if (!allocations::stopFailing()) break;
+    EXPECT_FALSE(log.take().empty()) << n;
+    ASSERT_LT(n, 2000);
+  }
 }
 
 TEST_F(OutOfMemoryTest, HelpersGiveEmptyResultsAndNeverThrow) {

@@ -59,49 +59,34 @@ TEST_F(SchemasTest, Rules) {
 }
 
 TEST_F(SchemasTest, Aliases) {
-  EXPECT_STREQ(schemas::kAliasLocal,
-               "BEGIN TRANSACTION;create table alias_info_table(alias TEXT, member TEXT, "
-               "type INTEGER);CREATE INDEX alias_index ON alias_info_table "
-               "(alias);CREATE INDEX member_index ON alias_info_table (member);CREATE "
-               "INDEX type_index ON alias_info_table (type);insert into alias_info_table "
-               "(alias, member, type) values ('root', 'admin', 0);COMMIT TRANSACTION;");
-  EXPECT_STREQ(
-      schemas::kAliasLdap,
-      "BEGIN TRANSACTION;create table alias_info_table(alias TEXT, member TEXT, type "
-      "INTEGER);CREATE INDEX alias_index ON alias_info_table (alias);CREATE INDEX "
-      "member_index ON alias_info_table (member);CREATE INDEX type_index ON "
-      "alias_info_table (type);insert into alias_info_table (alias, member, type) values "
-      "('root', 'admin@%q', 0);COMMIT TRANSACTION;");
-  EXPECT_STREQ(
-      schemas::kAliasWin,
-      "BEGIN TRANSACTION;create table alias_info_table(alias TEXT, member TEXT, type "
-      "INTEGER);CREATE INDEX alias_index ON alias_info_table (alias);CREATE INDEX "
-      "member_index ON alias_info_table (member);CREATE INDEX type_index ON "
-      "alias_info_table (type);insert into alias_info_table (alias, member, type) values "
-      "('root', '%q\\Administrator', 0);COMMIT TRANSACTION;");
+  const auto withMemberOfRoot = [](const std::string &member) {
+    return "BEGIN TRANSACTION;create table alias_info_table(alias TEXT, member TEXT, "
+           "type INTEGER);CREATE INDEX alias_index ON alias_info_table "
+           "(alias);CREATE INDEX member_index ON alias_info_table (member);CREATE "
+           "INDEX type_index ON alias_info_table (type);insert into alias_info_table "
+           "(alias, member, type) values ('root', '" +
+           member + "', 0);COMMIT TRANSACTION;";
+  };
+  EXPECT_EQ(schemas::kAliasLocal, withMemberOfRoot("admin"));
+  EXPECT_EQ(schemas::kAliasLdap, withMemberOfRoot("admin@%q"));
+  EXPECT_EQ(schemas::kAliasWin, withMemberOfRoot("%q\\Administrator"));
 }
 
 TEST_F(SchemasTest, MailLog) {
-  EXPECT_STREQ(
-      schemas::kMailLog,
+  const std::string table =
       "BEGIN TRANSACTION;create table mail_log_table(message_id TEXT, queue_id TEXT, "
       "date INTEGER, mail_from TEXT, mail_to TEXT, size INTEGER, status INTEGER);CREATE "
       "INDEX message_index ON mail_log_table (message_id);CREATE INDEX queue_index ON "
       "mail_log_table (queue_id);CREATE INDEX date_index ON mail_log_table (date);CREATE "
       "INDEX from_index ON mail_log_table (mail_from);CREATE INDEX to_index ON "
       "mail_log_table (mail_to);CREATE INDEX size_index ON mail_log_table (size);CREATE "
-      "INDEX status_index ON mail_log_table (status);create table config_table(key TEXT, "
-      "value TEXT);CREATE INDEX key_index ON config_table(key);INSERT INTO config_table "
-      "VALUES('version','1');COMMIT TRANSACTION;PRAGMA journal_mode = WAL;");
-  EXPECT_STREQ(
-      schemas::kMailLogTable,
-      "BEGIN TRANSACTION;create table mail_log_table(message_id TEXT, queue_id TEXT, "
-      "date INTEGER, mail_from TEXT, mail_to TEXT, size INTEGER, status INTEGER);CREATE "
-      "INDEX message_index ON mail_log_table (message_id);CREATE INDEX queue_index ON "
-      "mail_log_table (queue_id);CREATE INDEX date_index ON mail_log_table (date);CREATE "
-      "INDEX from_index ON mail_log_table (mail_from);CREATE INDEX to_index ON "
-      "mail_log_table (mail_to);CREATE INDEX size_index ON mail_log_table (size);CREATE "
-      "INDEX status_index ON mail_log_table (status);COMMIT TRANSACTION;");
+      "INDEX status_index ON mail_log_table (status);";
+  EXPECT_EQ(schemas::kMailLog,
+            table +
+                "create table config_table(key TEXT, value TEXT);CREATE INDEX key_index "
+                "ON config_table(key);INSERT INTO config_table VALUES('version','1');"
+                "COMMIT TRANSACTION;PRAGMA journal_mode = WAL;");
+  EXPECT_EQ(schemas::kMailLogTable, table + "COMMIT TRANSACTION;");
 }
 
 TEST_F(SchemasTest, Statistic) {

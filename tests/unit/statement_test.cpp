@@ -43,6 +43,14 @@ std::unique_ptr<sqlite3, Close> inMemory() {
   return std::unique_ptr<sqlite3, Close>(db);
 }
 
+TEST(FixedSQL, ASemicolonAtTheEndMayBeLost) {
+  const std::string most = "select '" + std::string(1014, 'x') + "'";
+  ASSERT_EQ(most.size(), 1023u);
+  EXPECT_EQ(FixedSQL<1024>("%s;", most.c_str()).c_str(), most);
+  for (const std::string &longer : {most + " ", most + " ;", most + ";;", most + "; "})
+    EXPECT_STREQ(FixedSQL<1024>("%s", longer.c_str()).c_str(), "statement too long");
+}
+
 TEST(FixedSQL, ALongerTextFailsWithCode1) {
   const auto db = inMemory();
   for (const size_t length : {1024u, 1025u, 5000u}) {

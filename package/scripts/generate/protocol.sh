@@ -33,6 +33,13 @@ passdb {
 userdb {
   driver = passwd
 }
+# The folder that mail programs take for the one for spam, and SpamClean.sh cleans.
+namespace inbox {
+  inbox = yes
+  mailbox Junk {
+    special_use = \Junk
+  }
+}
 service imap-login {
   inet_listener imap {
     port = $(listenerPort imap_enabled 143)

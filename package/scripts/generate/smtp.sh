@@ -23,6 +23,7 @@ checkSettings() {
     ((settings[smtps_port] != settings[smtp_port])) ||
       refuse smtps_port "another port than smtp_port"
   fi
+  if enabled spam_dnsbl_enable; then readBlocklists; fi
   if enabled smtp_relay_enabled; then
     expectHost smtp_relay_server
     expectNumber smtp_relay_server_port 0 65535 "a port, or 0 for the default,"
@@ -43,6 +44,32 @@ trustedNetworks() {
     [[ $network == *:* ]] && widest=16 || widest=8
     if ((${network##*/} >= widest)); then printf '%s ' "$network"; fi
   done
+}
+
+# blocklistsOf SECTION: its names, one a line, each once, without what an editor of another
+# system leaves behind.
+blocklistsOf() {
+  awk -v header="[$1]" '{ name = $0; gsub(/^[[:space:]]+|[[:space:]]+$/, "", name) }
+    /^\[/ { if (within) exit; within = name == header; next }
+    within && name != "" && !known[tolower(name)]++ { print name }' "$BLOCKLISTS"
+}
+
+# addBlocklists SECTION RESTRICTION
+addBlocklists() {
+  local name
+  while IFS= read -r name; do
+    isHostName "$name" || fail "$BLOCKLISTS: \"${name:0:80}\" is no host name"
+    blocklists+=("$2 $name=127.0.0.[2..11]")
+  done < <(blocklistsOf "$1")
+}
+
+# Only these answers say that a client or domain is listed. Others are the list's way to
+# tell that it does not want to be asked, and must not refuse all mail.
+readBlocklists() {
+  [[ -r $BLOCKLISTS ]] || fail "cannot read $BLOCKLISTS"
+  blocklists=()
+  addBlocklists "RBL server" reject_rbl_client
+  addBlocklists "RHSBL server" reject_rhsbl_sender
 }
 
 # relayHost: [HOST]:PORT, the brackets for "no MX lookup".
@@ -72,13 +99,29 @@ smtp_sasl_password_maps = lmdb:$POSTFIX/sasl_passwd
 EOC
 }
 
-# Restrictions are lists to which a new kind of rule adds its own.
+# Restrictions are lists to which a new kind of rule adds its own. An address such as
+# user@[192.0.2.1] is refused: it may be that of an account here, for which no table has a
+# key.
 recipientRestrictions() {
-  local list=()
+  local list=() literal='regexp:{{/@\[[^@]*$$/ REJECT address literals are not accepted}}'
   if enabled restrict_sender; then list+=(reject_authenticated_sender_login_mismatch); fi
-  list+=(permit_mynetworks permit_sasl_authenticated)
+  list+=("check_client_access lmdb:$POSTFIX/access_client"
+    "check_sender_access $literal" "check_sender_access lmdb:$POSTFIX/access_sender"
+    "check_recipient_access $literal" "check_recipient_access lmdb:$POSTFIX/access_recipient"
+    permit_mynetworks permit_sasl_authenticated)
+  if enabled spam_dnsbl_enable; then list+=("${blocklists[@]}"); fi
   local IFS=,
   echo "${list[*]}"
+}
+
+# A mail that the virus scanner cannot examine must wait; one that the spam filter cannot
+# judge is accepted.
+virusMilter() {
+  ! enabled anti_virus_enable || echo "{ unix:$VIRUS_MILTER, default_action=tempfail }"
+}
+
+spamMilter() {
+  ! enabled spam_enable || echo "{ unix:$SPAM_MILTER, default_action=accept }"
 }
 
 writeMainCf() {
@@ -110,8 +153,12 @@ alias_database =
 local_recipient_maps = proxy:unix:passwd.byname \$alias_maps
 mailbox_transport = lmtp:unix:private/dovecot-lmtp
 always_bcc = ${settings[always_bcc]//\$/\$\$}
+sender_bcc_maps = lmdb:$POSTFIX/bcc_sender
+recipient_bcc_maps = lmdb:$POSTFIX/bcc_recipient
 smtpd_relay_restrictions = permit_mynetworks, permit_sasl_authenticated, reject_unauth_destination
 smtpd_recipient_restrictions = $(recipientRestrictions)
+smtpd_milters = $(virusMilter) $(spamMilter)
+non_smtpd_milters = $(virusMilter)
 smtpd_sasl_auth_enable = $auth
 smtpd_sasl_type = dovecot
 smtpd_sasl_path = private/auth
@@ -202,8 +249,21 @@ writeRelayPassword() {
 
 # ensureMap TABLE PROGRAM: main.cf names the table, so there must be one.
 ensureMap() {
+  [[ -e $POSTFIX/$1.lmdb ]] || makeMap "$@"
+}
+
+# remakeMap TABLE PROGRAM: the table depends on settings. The old one is better than no
+# configuration: when it cannot be made anew, that is only told.
+remakeMap() {
+  if [[ -e $POSTFIX/$1.lmdb ]]; then
+    "$T/bin/$2" || echo "the rules in the table $1 do not follow the settings" >&2
+  else
+    makeMap "$@"
+  fi
+}
+
+makeMap() {
   local message
-  [[ ! -e $POSTFIX/$1.lmdb ]] || return 0
   message=$("$T/bin/$2" 2>&1) || fail "cannot make the table $1: $(reason "$message")"
   # what had to be left out is no failure of this script
   [[ -z $message ]] || logger -p mail.warning -t postwell -- "$message" 2>/dev/null
@@ -292,6 +352,9 @@ generate() {
   addOwnServices
   writeRelayPassword
   ensureMap aliases kest_alias_map
+  # the last of the tables that each program makes
+  remakeMap access_recipient kest_access_map
+  ensureMap bcc_recipient kest_bcc_map
   if enabled restrict_sender; then ensureMap login_map kest_gen_login_map; fi
   checkStaged
   announceFolder

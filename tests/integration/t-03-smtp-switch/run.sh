@@ -53,9 +53,9 @@ for arguments in "" "again" "start now"; do
   run "$SCRIPTS/PostfixDaemon.sh" $arguments
   expect equal "$status:$err" "2:usage: PostfixDaemon.sh start|stop|restart|reload|status"
 done
-for verb in spam mailscanner ""; do
+for verb in everything ""; do
   run "$SCRIPTS/DaemonConfSet.sh" "$verb"
-  expect equal "$status:$err" "2:usage: DaemonConfSet.sh protocol|smtp|alias"
+  expect equal "$status:$err" "2:usage: DaemonConfSet.sh protocol|smtp|alias|spam|mailscanner"
 done
 run "$SCRIPTS/DovecotDaemon.sh"
 expect equal "$status:$err" "2:usage: DovecotDaemon.sh start|stop|restart|reload|status"

@@ -15,8 +15,9 @@ names=$(parameters)
 dovecot=$(dovecotSettings)
 cp "$SETTINGS" "$WORLD/good"
 # shellcheck disable=SC2016  # nothing here is to expand, that is the point
-hostile=('$myhostname' '${mynetworks}' '$(touch /tmp/x)' '`id`' '"' 'a"b="c' '}' '{ a' "\\" '\n' ' '
-  'a b' ',' 'a, b' 'a; b' '; biff = yes' 'x" biff="yes' '# x' '%s' "'" '..' '[a]' '*' '<a' $'\t' $'a\rb' $'\x01')
+hostile=('$myhostname' '${mynetworks}' '`id`' '"' 'a"b="c' '}' '{ a' "\\" '\n' ' '
+  'a b' ',' 'a, b' 'a; b' '; biff = yes' 'x" biff="yes' '# x' '%s' "'" '..' '[a]' '*' '<a' $'\t' $'a\rb' $'\x01'
+  "\$(touch $WORLD/expanded)")
 
 # tryAll KEY...: each value in turn, in all the keys; tells how many were taken.
 tryAll() {
@@ -83,4 +84,4 @@ for key in pop3_enabled imap_enabled smtp_hostname; do
     expect equal "$(dovecotSettings)" "$dovecot"
   done
 done
-refute test -e /tmp/x
+refute test -e "$WORLD/expanded"
