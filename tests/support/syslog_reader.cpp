@@ -1,6 +1,7 @@
 #include "support/syslog_reader.h"
 
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -8,12 +9,25 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <utility>
 
 namespace {
+
+// Held while a reader's thread does anything but wait, and while the process forks: a
+// child of that moment would inherit an allocator locked for good, since not every
+// allocator (the address sanitizer's) frees its locks there.
+std::mutex reading;
+
+void readOnlyBetweenForks() {
+  static const int registered = pthread_atfork(
+      [] { reading.lock(); }, [] { reading.unlock(); }, [] { reading.unlock(); });
+  if (registered != 0) abort();
+}
 
 // A datagram of syslog(3): "<PRI>Mmm dd hh:mm:ss tag: text".
 LogLine parse(const std::string &datagram) {
@@ -43,14 +57,24 @@ SyslogReader::SyslogReader()
     perror("/dev/log (run the test under hermetic-run)");
     abort();
   }
-  thread_ = std::thread([this] {
+  readOnlyBetweenForks();
+  std::condition_variable changed;
+  bool started = false;
+  std::unique_lock<std::mutex> starting(reading);
+  thread_ = std::thread([this, &changed, &started] {
+    {
+      const std::lock_guard<std::mutex> lock(reading);
+      started = true;
+      changed.notify_one();
+    }
     pollfd wait[2] = {{socket_, POLLIN, 0}, {stop_, POLLIN, 0}};
     while (poll(wait, 2, -1) >= 0 || errno == EINTR) {
       if (wait[1].revents != 0) return;
-      const std::lock_guard<std::mutex> lock(mutex_);
+      const std::lock_guard<std::mutex> lock(reading);
       drain();
     }
   });
+  changed.wait(starting, [&started] { return started; });
 }
 
 SyslogReader::~SyslogReader() {
@@ -63,7 +87,7 @@ SyslogReader::~SyslogReader() {
 }
 
 std::vector<LogLine> SyslogReader::take() {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<std::mutex> lock(reading);
   drain();
   return std::exchange(lines_, {});
 }

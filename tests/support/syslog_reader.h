@@ -3,7 +3,6 @@
 #ifndef POSTWELL_TESTS_SYSLOG_READER_H_
 #define POSTWELL_TESTS_SYSLOG_READER_H_
 
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,7 +28,6 @@ class SyslogReader {
   void drain();
   int socket_;
   int stop_;
-  std::mutex mutex_;
   std::vector<LogLine> lines_;
   std::thread thread_;
 };
