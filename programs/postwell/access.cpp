@@ -6,10 +6,10 @@
 
 #include "access.h"
 
-#include <algorithm>
 #include <iostream>
 
 #include "common/access_map.h"
+#include "common/host_name.h"
 #include "common/text.h"
 #include "nouns.h"
 #include "rule_list.h"
@@ -51,14 +51,25 @@ Access &instance() {
   return *access;
 }
 
+bool isSameKind(const AccessInfo &one, const AccessInfo &other) {
+  return one.type == other.type && one.nameType == other.nameType;
+}
+
+StoredRules<AccessInfo> stored() { return {readAccessRules(), isSameKind}; }
+
+std::string described(const AccessInfo &rule) {
+  return accessTypeWord(rule.type) + ' ' + nameKindWord(rule.nameType) + ' ' +
+         inQuotes(rule.name);
+}
+
 void publish() {
   if (Access::GenerateAccessMap() < 0)
     throw saveFailed(true, "run \"/var/packages/Postwell/target/bin/kest_access_map\"");
 }
 
-void store(const Rules &rules) {
+void store(Rules rules) {
   Access &access = instance();
-  readAccessRules();  // ends here when the file is damaged
+  stored().spell(&rules);  // ends here when the file is damaged
   if (access.setAccess(rules) != 0) throw rulesNotChanged();
   publish();
 }
@@ -74,18 +85,9 @@ void add(const Rules &rules) {
   std::cout << counted(rules.size(), "rule") << " stored; Postfix follows.\n";
 }
 
-void remove(const Rules &rules) {
+void remove(const Rules &wanted) {
   Access &access = instance();
-  const std::deque<AccessInfo> stored = readAccessRules();
-  for (const AccessInfo &rule : rules)
-    if (std::none_of(stored.begin(), stored.end(), [&rule](const AccessInfo &other) {
-          return other.type == rule.type && other.nameType == rule.nameType &&
-                 other.name == rule.name;
-        }))
-      throw Failure(kFailed, "there is no rule for the " + accessTypeWord(rule.type) +
-                                 ' ' + nameKindWord(rule.nameType) + ' ' +
-                                 inQuotes(rule.name) + "; nothing was changed.\n" +
-                                 "\"postwell access list\" shows what there is.");
+  const Rules rules = stored().named(wanted, "access", described);
   if (access.deleteAccess(rules) != 0) throw rulesNotChanged();
   publish();
   std::cout << counted(rules.size(), "rule") << " removed; Postfix follows.\n";
@@ -93,10 +95,13 @@ void remove(const Rules &rules) {
 
 // ---- files
 
-// The rule that a line stands for, as the library's import reads it.
+// The rule that a line stands for, as the library's import reads it; but a client's
+// address stays one.
 AccessInfo ruleOf(const std::string &type, const RuleImport::Line &line) {
-  const bool isAddress = line.first.find('@') != std::string::npos;
-  return {typeOf(type), isAddress ? NAME_ADDRESS : NAME_DOMAIN, line.first,
+  const Type looksAt = typeOf(type);
+  const bool isWhole = line.first.find('@') != std::string::npos ||
+                       (looksAt == TYPE_CLIENT && isAddress(line.first));
+  return {looksAt, isWhole ? NAME_ADDRESS : NAME_DOMAIN, line.first,
           Access::StrToStatus(line.second.c_str())};
 }
 

@@ -46,14 +46,24 @@ bool isStored(const std::deque<BccInfo> &stored, const BccInfo &rule, bool withT
   });
 }
 
+bool isSameType(const BccInfo &one, const BccInfo &other) {
+  return one.type == other.type;
+}
+
+StoredRules<BccInfo> storedRules() { return {readBccRules(), isSameType}; }
+
+std::string described(const BccInfo &rule) {
+  return bccTypeWord(rule.type) + ' ' + inQuotes(rule.name);
+}
+
 [[noreturn]] void tellFailure(bool isChanged) {
   if (!isChanged) throw rulesNotChanged();
   throw saveFailed(true, "run \"/var/packages/Postwell/target/bin/kest_bcc_map\"");
 }
 
-void store(const Rules &rules) {
+void store(Rules rules) {
   BCC &bcc = instance();
-  readBccRules();  // ends here when the file is damaged
+  storedRules().spell(&rules);  // ends here when the file is damaged
   if (bcc.setBCC(rules) == 0) return;
   const std::deque<BccInfo> stored = readBccRules();
   tellFailure(std::all_of(rules.begin(), rules.end(), [&stored](const BccInfo &rule) {
@@ -72,15 +82,9 @@ void add(const BccInfo &rule) {
 
 void remove(const std::string &type, const std::vector<std::string> &names) {
   BCC &bcc = instance();
-  const std::deque<BccInfo> before = readBccRules();
-  Rules rules;
-  for (const std::string &name : names) {
-    rules.emplace_back(typeOf(type), name, "");
-    if (!isStored(before, rules.back(), false))
-      throw Failure(kFailed, "there is no rule for the " + type + ' ' + inQuotes(name) +
-                                 "; nothing was changed.\n" +
-                                 "\"postwell bcc list\" shows what there is.");
-  }
+  Rules wanted;
+  for (const std::string &name : names) wanted.emplace_back(typeOf(type), name, "");
+  const Rules rules = storedRules().named(wanted, "bcc", described);
   if (bcc.deleteBCC(rules) != 0) {
     const std::deque<BccInfo> stored = readBccRules();
     tellFailure(std::none_of(rules.begin(), rules.end(), [&stored](const BccInfo &rule) {

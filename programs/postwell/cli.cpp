@@ -41,6 +41,9 @@ int run(int argc, const char *const *argv) {
   addSecurity(app);
   try {
     app.parse(argc, argv);
+  } catch (const CLI::ExtrasError &) {
+    app.exit(unknownWords(app), std::cout, std::cerr);
+    return kWrongUsage;
   } catch (const CLI::ParseError &error) {
     return app.exit(error, std::cout, std::cerr) == 0 ? kDone : kWrongUsage;
   }

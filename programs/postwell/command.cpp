@@ -25,6 +25,13 @@ void printLines(const Values &values) {
     std::cout << std::left << std::setw(kColumn) << key << forTerminal(value) << '\n';
 }
 
+std::string subcommandNames(const CLI::App &command) {
+  std::string names;
+  for (const CLI::App *const other : command.get_subcommands(nullptr))
+    names += (names.empty() ? "" : ", ") + other->get_name();
+  return names;
+}
+
 // `indent` -1: on one line.
 std::string asJson(const Values &values, int indent) {
   constexpr bool kAsciiOnly = true;  // a terminal may be reading
@@ -69,12 +76,22 @@ CLI::ParseError wrongUsage(const std::string &text) {
 void requireSubcommand(CLI::App &command) {
   command.require_subcommand(0, 1);
   command.callback([&command] {
-    if (!command.get_subcommands().empty()) return;
-    std::string names;
-    for (const CLI::App *const other : command.get_subcommands(nullptr))
-      names += (names.empty() ? "" : ", ") + other->get_name();
-    throw wrongUsage("name one of: " + names);
+    if (command.get_subcommands().empty())
+      throw wrongUsage("name one of: " + subcommandNames(command));
   });
+}
+
+CLI::ParseError unknownWords(const CLI::App &app) {
+  const CLI::App *command = &app;
+  while (!command->get_subcommands().empty())
+    command = command->get_subcommands().front();
+  const std::vector<std::string> words = app.remaining(true);
+  const std::string word = words.empty() ? "" : words.front();
+  const std::string names = subcommandNames(*command);
+  const std::string problem = word.rfind('-', 0) == 0 ? "is no option here"
+                              : names.empty()         ? "is one word too many"
+                                                      : "is none of: " + names;
+  return wrongUsage(inQuotes(word) + ' ' + problem);
 }
 
 CLI::App &addNoun(CLI::App &app, const std::string &name, const std::string &help) {

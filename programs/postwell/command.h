@@ -49,6 +49,9 @@ CLI::ParseError wrongUsage(const std::string &text);
 // misspelt word behind "A subcommand is required".
 void requireSubcommand(CLI::App &command);
 
+// What is wrong with a command line that has words which nothing takes.
+CLI::ParseError unknownWords(const CLI::App &app);
+
 // Adds the noun; a command line must name one of its verbs.
 CLI::App &addNoun(CLI::App &app, const std::string &name, const std::string &help);
 

@@ -6,6 +6,8 @@
 
 #include "rule_list.h"
 
+#include <smtp.h>
+
 #include <algorithm>
 #include <climits>
 #include <fstream>
@@ -72,7 +74,7 @@ std::string trimmed(const std::string &text) {
 }
 
 std::ifstream opened(const std::string &path) {
-  std::ifstream file(path);
+  std::ifstream file(path == "-" ? "/dev/stdin" : path);
   if (!file || file.peek() == EOF)  // a folder can be opened, and not read
     if (!file.eof()) throw Failure(kFailed, "cannot read " + inQuotes(path));
   return file;
@@ -86,6 +88,7 @@ Values importFile(const std::string &type, const std::string &path,
   size_t number = 0;
   for (std::string text; std::getline(file, text);) {
     ++number;
+    std::replace(text.begin(), text.end(), '\t', ' ');
     text = trimmed(text);
     if (text.empty() || text == import.head) continue;
     const size_t blank = text.find(' ');
@@ -110,6 +113,11 @@ void printImport(const Values &report, const std::string &follower) {
   std::cout << counted(report["taken"].get<size_t>(), "line") << " taken, "
             << counted(report["skipped"].size(), "line") << " skipped; " << follower
             << " follows.\n";
+}
+
+void judgeImport(const Values &report) {
+  if (report["taken"] == 0 && !report["skipped"].empty())
+    throw Failure(kFailed, "no line of the file was taken");
 }
 
 // Adds the operand TYPE where a file holds rules of one type; the result tells which was
@@ -177,9 +185,12 @@ void addRuleImport(CLI::App &noun, const RuleNoun &rules, FileHolds holds,
       },
       [follower = rules.follower](const Values &report) {
         printImport(report, follower);
-      });
+      },
+      judgeImport);
   operands->type = addFileType(command, rules, holds);
-  operands->file = command.add_option("FILE", "The file")->required()->type_name("");
+  operands->file = command.add_option("FILE", "The file; \"-\" for standard input")
+                       ->required()
+                       ->type_name("");
 }
 
 void addRuleExport(
@@ -194,7 +205,9 @@ void addRuleExport(
   command->callback([rules, write, type, file] {
     const auto word = type();
     const auto path = file->as<std::string>();
-    const Values all = rules.readAll();  // the library would make a damaged file anew
+    // The library would make damaged rules anew, and it empties the file before it reads.
+    if (SMTP().loadSMTPSetting() != 0) throw settingsUnreadable();
+    const Values all = rules.readAll();
     if (write(word, path) != 0)
       throw Failure(kFailed, "cannot write the rules into " + inQuotes(path) +
                                  "; the system log tells why");
@@ -241,6 +254,12 @@ Failure rulesUnavailable() {
   return {kFailed,
           "cannot open /var/packages/Postwell/etc/postwell.db.\n"
           "Run as root; the system log tells why."};
+}
+
+Failure noSuchRule(const std::string &described, const std::string &noun) {
+  return {kFailed, "there is no rule for the " + described +
+                       "; nothing was changed.\n\"postwell " + noun +
+                       " list\" shows what there is."};
 }
 
 Failure rulesNotChanged() {

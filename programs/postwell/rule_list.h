@@ -7,12 +7,16 @@
 #include <postwell.h>
 
 #include <array>
+#include <deque>
 #include <functional>
+#include <list>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "command.h"
+#include "common/text.h"
 
 // A noun's rules. Each is an object whose keys are those of the JSON output; "type" and
 // "name" are among them.
@@ -73,8 +77,59 @@ using Names = std::vector<std::pair<NameType, std::string>>;
 std::function<Names()> addNames(CLI::App &command,
                                 const std::array<std::string, 3> &helps);
 
-// The rules cannot be opened; they could not be changed.
+// The rules cannot be opened; they could not be changed; there is no such one.
 Failure rulesUnavailable();
 Failure rulesNotChanged();
+Failure noSuchRule(const std::string &described, const std::string &noun);
+
+// The stored rules, found by their names whatever the case of the letters: a map has one
+// key for all spellings, of which one rule alone would count.
+template <class Rule>
+class StoredRules {
+ public:
+  using Same = bool (*)(const Rule &, const Rule &);  // but for the names
+
+  StoredRules(std::deque<Rule> rules, Same isSame)
+      : rules_(std::move(rules)), isSame_(isSame) {
+    for (const Rule &rule : rules_) byName_.emplace(lowerCase(rule.name), &rule);
+  }
+
+  StoredRules(const StoredRules &) = delete;
+  StoredRules &operator=(const StoredRules &) = delete;
+
+  // Gives the rules the names under which they are to be stored: as there, if there is
+  // one, and else in small letters.
+  void spell(std::list<Rule> *rules) const {
+    for (Rule &rule : *rules) {
+      const std::list<Rule> found = like(rule);
+      rule.name = found.empty() ? lowerCase(rule.name) : found.front().name;
+    }
+  }
+
+  // All that the wanted rules name. Fails where one names none.
+  std::list<Rule> named(const std::list<Rule> &wanted, const std::string &noun,
+                        std::string (*describe)(const Rule &)) const {
+    std::list<Rule> all;
+    for (const Rule &rule : wanted) {
+      std::list<Rule> found = like(rule);
+      if (found.empty()) throw noSuchRule(describe(rule), noun);
+      all.splice(all.end(), found);
+    }
+    return all;
+  }
+
+ private:
+  std::list<Rule> like(const Rule &wanted) const {
+    std::list<Rule> found;
+    const auto [from, to] = byName_.equal_range(lowerCase(wanted.name));
+    for (auto entry = from; entry != to; ++entry)
+      if (isSame_(wanted, *entry->second)) found.push_back(*entry->second);
+    return found;
+  }
+
+  std::deque<Rule> rules_;
+  Same isSame_;
+  std::multimap<std::string, const Rule *> byName_;
+};
 
 #endif  // POSTWELL_PROGRAMS_RULE_LIST_H_

@@ -20,6 +20,15 @@ std::string wrong(const std::string &must, const std::string &value) {
   return must + ", not \"" + value + "\"";
 }
 
+bool isScore(const std::string &text) {
+  const std::string digits = text.substr(text.rfind('-', 0) == 0 ? 1 : 0);
+  const size_t point = std::min(digits.find('.'), digits.size());
+  const std::string whole = digits.substr(0, point), decimals = digits.substr(point);
+  return !whole.empty() && whole.size() <= 4 && isMadeOf(digits, ".") &&
+         digits.find_first_not_of("0123456789.") == std::string::npos &&
+         decimals.size() != 1 && decimals.size() <= 3 && decimals.rfind('.') != 1;
+}
+
 Rule makeRule(std::string takes, std::function<std::string(std::string &)> check) {
   return {std::move(takes), CLI::Validator(std::move(check), "")};
 }
@@ -157,14 +166,17 @@ Rule byteCount() {
 
 Rule score() {
   return makeRule("SCORE", [](std::string &value) -> std::string {
-    const std::string digits = value.substr(value.rfind('-', 0) == 0 ? 1 : 0);
-    const size_t point = std::min(digits.find('.'), digits.size());
-    const std::string whole = digits.substr(0, point), decimals = digits.substr(point);
-    if (!whole.empty() && whole.size() <= 4 && isMadeOf(digits, ".") &&
-        digits.find_first_not_of("0123456789.") == std::string::npos &&
-        decimals.size() != 1 && decimals.size() <= 3 && decimals.rfind('.') != 1)
-      return "";
+    if (isScore(value)) return "";
     return wrong("must be a number below 10000 with two decimals at most", value);
+  });
+}
+
+Rule positiveScore() {
+  return makeRule("SCORE", [](std::string &value) -> std::string {
+    const bool isPositive =
+        value.rfind('-', 0) != 0 && value.find_first_of("123456789") != std::string::npos;
+    if (isScore(value) && isPositive) return "";
+    return wrong("must be above 0 and below 10000 with two decimals at most", value);
   });
 }
 

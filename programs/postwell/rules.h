@@ -31,6 +31,7 @@ Rule oneOf(const std::vector<std::string> &words);  // becomes the word's index
 Rule moment(DayEnd end);                            // becomes seconds since the epoch
 Rule byteCount();                                   // also 10K and 5M
 Rule score();                                       // two decimals at most
+Rule positiveScore();                               // the same above 0
 Rule subjectTag();                                  // printable ASCII
 Rule ruleFile();                                    // the name of one
 

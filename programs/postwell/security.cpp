@@ -5,7 +5,6 @@
 
 #include <array>
 #include <iostream>
-#include <map>
 
 #include "command.h"
 #include "kestcore.h"
@@ -25,21 +24,41 @@ Values describe(const Security &all) {
 
 std::string yesOrNo(bool flag) { return flag ? "yes" : "no"; }
 
-std::string storedValue(const std::string &key) {
+bool isStored(const std::string &key, const std::string &expected) {
   std::array<char, 64> value{};
-  const int length =
-      KLIBCFileGetKeyValue(kSettings, key.c_str(), value.data(), value.size(), 0);
-  return length < 0 ? "" : value.data();
+  return KLIBCFileGetKeyValue(kSettings, key.c_str(), value.data(), value.size(), 0) >=
+             0 &&
+         value.data() == expected;
 }
 
+Failure notStored(const std::string &what, const std::string &reason) {
+  return {kFailed, what + " could not be stored: " + reason +
+                       "\nCorrect the cause and set them again."};
+}
+
+// The library stores in this order, and ends where something fails.
 void expectStored(const Security &all) {
-  const std::map<std::string, std::string> settings = {
-      {"spam_enable", yesOrNo(all.isEnableSpamassassin())},
-      {"anti_virus_enable", yesOrNo(all.isEnableAntiVirus())},
-      {"spam_clean_interval", std::to_string(all.getSpamCleanInterval())},
-      {"spam_dnsbl_enable", yesOrNo(all.isEnableDNSBL())}};
-  for (const auto &[key, value] : settings)
-    if (storedValue(key) != value) throw saveFailed(false);
+  if (!isStored("spam_enable", yesOrNo(all.isEnableSpamassassin())))
+    throw notStored("the settings", "run as root; the system log tells more.");
+  if (!isStored("anti_virus_enable", yesOrNo(all.isEnableAntiVirus())) ||
+      !isStored("spam_clean_interval", std::to_string(all.getSpamCleanInterval())))
+    throw notStored("all settings but that of the spam filter",
+                    "the spam filter does not take its\n"
+                    "settings, of which a line above tells, or the line "
+                    "anti_virus_enable in\n" +
+                        std::string(kSettings) + " is damaged.");
+  if (!isStored("spam_dnsbl_enable", yesOrNo(all.isEnableDNSBL())))
+    throw notStored("the switch of the blocklists", "the system log tells why.");
+}
+
+// Stores the blocklists once more, for the result.
+void expectBlocklists() {
+  if (blocklists().applySettings() == 0) return;
+  configurePostfix();  // the last of its steps, which tells its own failure
+  throw notStored("the blocklists",
+                  "/var/packages/Postwell/etc/spamlist.conf cannot be written; the\n"
+                  "system log tells why. Compare \"postwell dnsbl list\" with what "
+                  "should be there.");
 }
 
 void apply() {
@@ -47,7 +66,7 @@ void apply() {
   all.applySettings();
   expectStored(all);
   configureSpamFilter();
-  configurePostfix();
+  expectBlocklists();
   configureScanners();
   runFilters();
   std::cout << "Spam filter " << onOff(all.isEnableSpamassassin()) << ", DNS blocklists "

@@ -62,7 +62,7 @@ void addSpam(CLI::App &app) {
   SetCommand<Spam> set(noun);
   set.option<bool>("--enabled", "Whether mail is judged", yesNo(),
                    &Spam::setEnableSpamassassin);
-  set.option<float>("--score", "The score from which mail is spam", score(),
+  set.option<float>("--score", "The score from which mail is spam", positiveScore(),
                     &Spam::setRequiredScore);
   set.option<bool>("--rewrite", "Put the tag before the subject of spam", yesNo(),
                    &Spam::setEnableRewrite);

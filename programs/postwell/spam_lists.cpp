@@ -10,7 +10,6 @@
 #include <smtp.h>
 #include <strings.h>
 
-#include <algorithm>
 #include <iostream>
 
 #include "common/text.h"
@@ -59,9 +58,13 @@ Spam &instance() {
   throw SMTP().loadSMTPSetting() == 0 ? rulesUnavailable() : settingsUnreadable();
 }
 
-bool isSameName(const BlackWhite &one, const BlackWhite &other) {
-  return one.type == other.type && one.nameType == other.nameType &&
-         one.name == other.name;
+// Whichever list they are in, which is one only.
+bool isSameKind(const BlackWhite &one, const BlackWhite &other) {
+  return one.type == other.type && one.nameType == other.nameType;
+}
+
+bool isSameKindInList(const BlackWhite &one, const BlackWhite &other) {
+  return isSameKind(one, other) && one.blackWhite == other.blackWhite;
 }
 
 std::string described(const BlackWhite &entry) {
@@ -75,13 +78,15 @@ void publish() {
                      "run \"/var/packages/Postwell/target/bin/kest_spam_blackwhite\"");
 }
 
-void store(const Entries &entries) {
+void store(Entries entries) {
   Spam &spam = instance();
   const std::deque<BlackWhite> before = readSpamEntries();  // fails when damaged
+  StoredRules<BlackWhite>(before, isSameKind).spell(&entries);
   if (spam.addBlackWhiteList(entries) != 0) throw rulesNotChanged();
   for (const BlackWhite &entry : entries)
     for (const BlackWhite &old : before)
-      if (isSameName(entry, old) && entry.blackWhite != old.blackWhite)
+      if (isSameKind(entry, old) && entry.name == old.name &&
+          entry.blackWhite != old.blackWhite)
         std::cerr << "The " << described(entry) << " was in the other list.\n";
   publish();
 }
@@ -98,16 +103,10 @@ void add(const Entries &entries) {
             << " follows.\n";
 }
 
-void remove(const Entries &entries, const List &list) {
+void remove(const Entries &wanted, const List &list) {
   Spam &spam = instance();
-  const std::deque<BlackWhite> stored = readSpamEntries();
-  for (const BlackWhite &entry : entries)
-    if (std::none_of(stored.begin(), stored.end(), [&entry](const BlackWhite &other) {
-          return isSameName(entry, other) && entry.blackWhite == other.blackWhite;
-        }))
-      throw Failure(kFailed, "there is no rule for the " + described(entry) +
-                                 "; nothing was changed.\n\"postwell " + list.noun +
-                                 " list\" shows what there is.");
+  const Entries entries = StoredRules<BlackWhite>(readSpamEntries(), isSameKindInList)
+                              .named(wanted, list.noun, described);
   if (spam.deleteBlackWhiteList(entries) != 0) throw rulesNotChanged();
   publish();
   std::cout << counted(entries.size(), "rule") << " removed; " << kFollower

@@ -2,13 +2,18 @@
 // the administrator's own.
 //
 // The library changes files and says nothing; what became of a file is looked up behind
-// it. A file that SpamAssassin refuses is never taken, nor left switched on, since the
-// filter would not start again.
+// it. A file is shown to SpamAssassin before it is stored, and again, beside those that
+// are on by then, before it is switched on: with one that it refuses the filter would not
+// start again.
 
 #include "spam_rules.h"
 
+#include <dirent.h>
+#include <unistd.h>
+
 #include <algorithm>
-#include <cstdio>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 
@@ -22,10 +27,25 @@
 namespace {
 
 constexpr char kImported[] = "/var/packages/Postwell/etc/rules/";
+constexpr char kActive[] = "/var/packages/Postwell/target/etc/spamassassin/";
+constexpr char kCandidate[] = "/var/packages/Postwell/etc/.rule.";
 constexpr char kCheck[] = "/var/packages/Postwell/target/scripts/SpamRuleCheck.sh";
 
+// The library takes a folder that it cannot read for an empty one.
+std::list<SpamRule> ruleFiles() {
+  Spam &spam = spamFilter();
+  for (const char *path : {kImported, kActive}) {
+    DIR *const folder = opendir(path);
+    if (folder == nullptr)
+      throw Failure(kFailed, "cannot read " + inQuotes(path) + ": " + strerror(errno) +
+                                 ".\nRun as root.");
+    closedir(folder);
+  }
+  return spam.getSpamRules();
+}
+
 bool isEnabled(const std::string &name) {
-  const std::list<SpamRule> rules = spamFilter().getSpamRules();
+  const std::list<SpamRule> rules = ruleFiles();
   return std::any_of(rules.begin(), rules.end(), [&name](const SpamRule &rule) {
     return rule.ruleName == name && rule.isEnable;
   });
@@ -36,11 +56,28 @@ bool isImported(const std::string &name) {
 }
 
 void expectImported(const std::string &name) {
-  if (!isImported(name))
+  if (isImported(name)) return;
+  if (isEnabled(name))
+    throw Failure(kFailed, "the one copy of rule file " + inQuotes(name) +
+                               " is that in force, which was not added with this\n"
+                               "command; nothing was changed. Copy it from " +
+                               kActive + "\nand add it first, or delete it.");
+  throw Failure(kFailed, "there is no rule file " + inQuotes(name) +
+                             "; nothing was changed.\n\"postwell spam rules\" shows "
+                             "what there is.");
+}
+
+// Says whether SpamAssassin takes the file under this name.
+bool isFit(const std::string &path, const std::string &name) {
+  return KLIBCExec(kCheck, path.c_str(), name.c_str(), nullptr, nullptr) == 0;
+}
+
+void letFilterFollow() {
+  if (Spam::GenerateConfig() < 0)
     throw Failure(kFailed,
-                  "there is no rule file " + inQuotes(name) +
-                      "; nothing was changed.\n\"postwell spam rules\" shows what "
-                      "there is.");
+                  "the rule files are as wanted, but the spam filter may not follow.\n"
+                  "A line above tells why; correct the cause and run\n"
+                  "\"/var/packages/Postwell/target/scripts/DaemonConfSet.sh spam\".");
 }
 
 // A rule file is small, and there is no more of it than this in memory.
@@ -58,7 +95,7 @@ std::string readRuleFile(const std::string &path) {
 
 Values readAll() {
   Values all = Values::array();
-  for (const SpamRule &rule : spamFilter().getSpamRules())
+  for (const SpamRule &rule : ruleFiles())
     all.push_back({{"name", rule.ruleName}, {"enabled", rule.isEnable}});
   return all;
 }
@@ -80,42 +117,37 @@ void add(const std::string &path) {
                                " already; delete it first. Nothing was changed.");
   const std::string text = readRuleFile(path);
   // The script looks at what will be stored, not at a file that may change meanwhile.
-  const std::string candidate = std::string(kImported) + '.' + name;
+  const std::string candidate = kCandidate + std::to_string(getpid());
   const std::string failure = replaceFile(candidate, text);
   if (!failure.empty()) throw Failure(kFailed, failure);
-  const bool isFit =
-      KLIBCExec(kCheck, candidate.c_str(), name.c_str(), nullptr, nullptr) == 0;
-  if (!isFit || rename(candidate.c_str(), (kImported + name).c_str()) != 0) {
-    remove(candidate.c_str());
-    throw Failure(kFailed, "the rule file was not taken; a line above tells why");
-  }
+  const bool fit = isFit(candidate, name);
+  const bool isStored = fit && link(candidate.c_str(), (kImported + name).c_str()) == 0;
+  const std::string reason = fit ? strerror(errno) : "a line above tells why";
+  unlink(candidate.c_str());
+  if (!isStored) throw Failure(kFailed, "the rule file was not taken: " + reason);
   std::cout << "Rule file " << name << " added; \"postwell spam rule enable " << name
             << "\" puts it into force.\n";
 }
 
 void enable(const std::string &name) {
   expectImported(name);
-  const bool wasOn = isEnabled(name);
+  if (!isFit(Spam::GetImportRulePath(name), name))
+    throw Failure(kFailed,
+                  "the spam filter does not take the rule file; nothing was changed.\n"
+                  "A line above tells why.");
   spamFilter().enableRule(name);
   if (!isEnabled(name))
     throw Failure(kFailed, "the rule file could not be copied; it is off");
-  try {
-    configureSpamFilter();
-  } catch (const Failure &) {
-    if (wasOn) throw;  // something else is wrong
-    spamFilter().disableRule(name);
-    throw Failure(
-        kFailed,
-        "the spam filter does not take the rule file; it stays off. A line above "
-        "tells why.");
-  }
+  letFilterFollow();
   std::cout << "Rule file " << name << " on; the spam filter follows.\n";
 }
 
 void disable(const std::string &name) {
   expectImported(name);  // the active copy may be the only one otherwise
   spamFilter().disableRule(name);
-  configureSpamFilter();
+  if (isEnabled(name))
+    throw Failure(kFailed, "the rule file could not be switched off; run as root");
+  letFilterFollow();
   std::cout << "Rule file " << name << " off; the spam filter follows.\n";
 }
 
@@ -124,7 +156,7 @@ void erase(const std::string &name) {
   spamFilter().deleteRule(name);
   if (isEnabled(name) || isImported(name))
     throw Failure(kFailed, "the rule file could not be deleted; run as root");
-  configureSpamFilter();
+  letFilterFollow();
   std::cout << "Rule file " << name << " deleted; the spam filter follows.\n";
 }
 

@@ -140,7 +140,7 @@ class RulesFaultTest : public LibraryTest {
   }
 
   void sweepAll(const Arm &arm, const Disarm &disarm, bool alsoNew, long least,
-                long step = 1) {
+                long step) {
     for (const Owner &owner : kOwners)
       for (const bool isNew : {false, true})
         if (!isNew || alsoNew) {
@@ -197,22 +197,22 @@ Arm arming(const file_faults::Fault &fault) {
 
 TEST_F(RulesFaultTest, AnyFileOperationFailsOnce) {
   sweepAll(arming({file_faults::kAny, EIO, false, false}), file_faults::stopFailing, true,
-           30);
+           30, FILE_STEP);
 }
 
 TEST_F(RulesFaultTest, TheDiskIsGone) {
   sweepAll(arming({file_faults::kAny, EIO, true, false}), file_faults::stopFailing, true,
-           30);
+           30, FILE_STEP);
 }
 
 TEST_F(RulesFaultTest, TheDiskIsFull) {
   sweepAll(arming({file_faults::kWrite, ENOSPC, true, false}), file_faults::stopFailing,
-           true, 5);
+           true, 5, FILE_STEP);
 }
 
 TEST_F(RulesFaultTest, AnotherProcessHasTheFileLocked) {
   sweepAll(arming({file_faults::kLock, EAGAIN, true, false}), file_faults::stopFailing,
-           false, 5);
+           false, 5, FILE_STEP);
 }
 
 // What the sweeps above look for would be seen.

@@ -339,7 +339,7 @@ TEST_F(PostwellAlias, MembersMustBeNamed) {
                   "name a member with --user, --group, --alias or --address\n");
   expectRefused({"add", "--user", "amy"}, 2, "NAME is required");
   expectRefused({"add", "--user", "amy", "team", "bob"}, 2,
-                "The following argument was not expected: bob");
+                "\"bob\" is one word too many");
 }
 
 // ---- rename

@@ -114,7 +114,7 @@ TEST_F(PostwellDomain, NamesThatAreNoneAreRefused) {
   expectRefused({"add", "-a.example"}, 2, "NAME is required");  // it looks like an option
   expectRefused({"add"}, 2, "NAME is required");
   expectRefused({"remove"}, 2, "NAME is required");
-  expectRefused({"list", "x"}, 2, "The following argument was not expected");
+  expectRefused({"list", "x"}, 2, "\"x\" is one word too many");
 }
 
 // A domain name of so many bytes.

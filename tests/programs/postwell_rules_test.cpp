@@ -157,7 +157,7 @@ TEST_F(PostwellRules, AccessListInPagesAndBySearch) {
 TEST_F(PostwellRules, AccessImportTellsWhatItSkipsAndWhy) {
   writeFile(kFile,
             "a@b.example  Reject\r\n\n  c.example OK\nbad_name OK\nd.example\n"
-            "e.example deny\nf\tg OK\nlast.example discard");
+            "e.example deny\nf_g\tOK\nlast.example\t discard");
   expectDone(
       {"access", "import", "recipient", kFile},
       "Line 4 is skipped (\"bad_name OK\"): it is no domain name.\n"
@@ -165,17 +165,17 @@ TEST_F(PostwellRules, AccessImportTellsWhatItSkipsAndWhy) {
       "and discard.\n"
       "Line 6 is skipped (\"e.example deny\"): its action is none of permit, OK, reject "
       "and discard.\n"
-      "Line 7 is skipped (\"f\\x09g OK\"): it is no domain name.\n"
+      "Line 7 is skipped (\"f_g OK\"): it is no domain name.\n"
       "3 lines taken, 4 lines skipped; Postfix follows.\n",
       {"kest_access_map"});
   EXPECT_EQ(accessRules(),
             (Rows{"1|a@b.example|1|2", "2|c.example|1|1", "2|last.example|1|3"}));
-  writeFile(kFile, "bad_name OK\n");
+  writeFile(kFile, "B.Example OK\nbad_name OK\n");
   expectDone({"access", "import", "sender", kFile, "--json"}, R"({
-  "taken": 0,
+  "taken": 1,
   "skipped": [
     {
-      "line": 1,
+      "line": 2,
       "text": "bad_name OK",
       "reason": "it is no domain name"
     }
@@ -183,9 +183,45 @@ TEST_F(PostwellRules, AccessImportTellsWhatItSkipsAndWhy) {
 }
 )",
              {"kest_access_map"});
+  EXPECT_EQ(accessRules().back(), "2|b.example|0|1");
+  writeFile(kFile, "bad_name OK\n");
+  const Outcome nothing = run({"access", "import", "sender", kFile});
+  EXPECT_EQ(nothing.status, 1);
+  EXPECT_EQ(nothing.err, "postwell: no line of the file was taken\n");
+  package_.takeCalls();
   expectRefused({"access", "import", "sender", "/no/such/file"}, 1,
                 "cannot read \"/no/such/file\"");
   expectRefused({"access", "import", "sender", "/var"}, 1, "cannot read \"/var\"");
+}
+
+TEST_F(PostwellRules, NamesThatDifferInCapitalsAreOneRule) {
+  expectDone({"access", "add", "sender", "reject", "--domain", "B.Example"},
+             "1 rule stored; Postfix follows.\n", {"kest_access_map"});
+  EXPECT_EQ(accessRules(), Rows{"2|b.example|0|2"});
+  store("insert into access_table values(2, 'C.example', 0, 2), (2, 'C.Example', 0, 2);");
+  run({"access", "add", "sender", "permit", "--domain", "c.EXAMPLE"});
+  EXPECT_EQ(accessRules(),
+            (Rows{"2|b.example|0|2", "2|C.example|0|2", "2|C.Example|0|1"}));
+  run({"access", "remove", "sender", "--domain", "B.EXAMPLE", "--domain", "c.example"});
+  EXPECT_EQ(accessRules(), Rows());
+}
+
+TEST_F(PostwellRules, AClientsAddressIsTheSameRuleAfterExportAndImport) {
+  run({"access", "add", "client", "reject", "--address", "192.0.2.1"});
+  ASSERT_EQ(run({"access", "export", "client", kFile}).status, 0);
+  ASSERT_EQ(run({"access", "import", "client", kFile}).status, 0);
+  EXPECT_EQ(accessRules(), Rows{"1|192.0.2.1|2|2"});
+}
+
+TEST_F(PostwellRules, AnExportThatCannotReadLeavesTheFileAlone) {
+  writeFile(kFile, "kept");
+  ASSERT_EQ(unlink(PackageTree::kSettings), 0);
+  const Outcome outcome = run({"access", "export", "sender", kFile});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_NE(outcome.err.find("cannot read /var/packages/Postwell/etc/postwell.conf"),
+            std::string::npos)
+      << outcome.err;
+  EXPECT_EQ(readFile(kFile), "kept");
 }
 
 TEST_F(PostwellRules, AccessExport) {

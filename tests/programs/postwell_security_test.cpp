@@ -98,12 +98,15 @@ TEST_F(PostwellSpam, WithoutSmtpPostfixIsLeftAlone) {
 
 TEST_F(PostwellSpam, WrongValuesAreRefused) {
   for (const char *score :
-       {"", "5,0", "1e3", "12345", "5.123", ".5", "5.", "+5", "1.2.3"})
+       {"", "5,0", "1e3", "12345", "5.123", ".5", "5.", "+5", "1.2.3", "-5", "0", "0.00"})
     expectRefused(
         {"--score", score},
-        std::string("--score: must be a number below 10000 with two decimals at "
+        std::string("--score: must be above 0 and below 10000 with two decimals at "
                     "most, not \"") +
             score + '"');
+  expectRefused({"--learn-ham", "-1.234"},
+                "--learn-ham: must be a number below 10000 with two decimals at most, "
+                "not \"-1.234\"");
   for (const char *tag : {"", "a\nb", "\xc3\xa4", " a"})
     EXPECT_EQ(set({"--subject", tag}).status, 2) << tag;
   EXPECT_EQ(set({"--subject", std::string(201, 'x')}).status, 2);
@@ -177,14 +180,19 @@ TEST_F(PostwellSpamRules, FromFileToForceAndBack) {
             "force.\n");
   EXPECT_EQ(list(), "off  mine.cf\n");
   EXPECT_EQ(readFile(kImported + "mine.cf"), kRule);
-  EXPECT_EQ(package_.takeCalls(),
-            Arguments{"SpamRuleCheck.sh " + kImported + ".mine.cf mine.cf"});
+  const Arguments checks = package_.takeCalls();
+  ASSERT_EQ(checks.size(), 1u);
+  EXPECT_EQ(checks[0].rfind("SpamRuleCheck.sh /var/packages/Postwell/etc/.rule.", 0), 0u)
+      << checks[0];
+  EXPECT_EQ(checks[0].substr(checks[0].rfind(' ')), " mine.cf");
 
   EXPECT_EQ(rule({"enable", "mine.cf"}).out,
             "Rule file mine.cf on; the spam filter follows.\n");
   EXPECT_EQ(list(), "on   mine.cf\n");
   EXPECT_EQ(readFile(kActive + "mine.cf"), kRule);
-  EXPECT_EQ(package_.takeCalls(), Arguments{"DaemonConfSet.sh spam"});
+  EXPECT_EQ(package_.takeCalls(),
+            (Arguments{"SpamRuleCheck.sh " + kImported + "mine.cf mine.cf",
+                       "DaemonConfSet.sh spam"}));
 
   EXPECT_EQ(rule({"disable", "mine.cf"}).out,
             "Rule file mine.cf off; the spam filter follows.\n");
@@ -216,30 +224,48 @@ TEST_F(PostwellSpamRules, WhatSpamAssassinRefusesIsNotTaken) {
   const Outcome outcome = rule({"add", kSource});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_EQ(outcome.err,
-            "postwell: the rule file was not taken; a line above tells why\n");
+            "postwell: the rule file was not taken: a line above tells why\n");
   EXPECT_TRUE(fs::is_empty(kImported));
+  for (const auto &entry : fs::directory_iterator("/var/packages/Postwell/etc"))
+    EXPECT_EQ(entry.path().filename().string().rfind(".rule", 0), std::string::npos);
 }
 
-TEST_F(PostwellSpamRules, ARuleFileThatTheOthersCannotStandBesideIsSwitchedOffAgain) {
+TEST_F(PostwellSpamRules, FoldersThatCannotBeReadAreNotTakenForEmptyOnes) {
+  fs::remove_all(kActive);
+  const Outcome outcome = RUN_TEST_PROGRAM(Arguments{"spam", "rules"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, "postwell: cannot read \"" + kActive +
+                             "\": No such file or directory.\nRun as root.\n");
+}
+
+TEST_F(PostwellSpamRules, ARuleFileThatTheOthersCannotStandBesideChangesNothing) {
   ASSERT_EQ(rule({"add", kSource}).status, 0);
-  package_.failScript("DaemonConfSet.sh");
+  writeFile(kActive + "mine.cf", "in force");
+  package_.failScript("SpamRuleCheck.sh");
+  package_.takeCalls();
   const Outcome outcome = rule({"enable", "mine.cf"});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_EQ(outcome.err,
-            "postwell: the spam filter does not take the rule file; it stays off. A line "
-            "above tells why.\n");
-  EXPECT_EQ(list(), "off  mine.cf\n");
+            "postwell: the spam filter does not take the rule file; nothing was "
+            "changed.\nA line above tells why.\n");
+  EXPECT_EQ(readFile(kActive + "mine.cf"), "in force");
+  EXPECT_EQ(package_.takeCalls(),
+            Arguments{"SpamRuleCheck.sh " + kImported + "mine.cf mine.cf"});
 }
 
-TEST_F(PostwellSpamRules, ARuleFileThatIsOnStaysOnWhenSomethingElseIsRefused) {
+TEST_F(PostwellSpamRules, AFilterThatDoesNotFollowIsTold) {
   ASSERT_EQ(rule({"add", kSource}).status, 0);
-  ASSERT_EQ(rule({"enable", "mine.cf"}).status, 0);
   package_.failScript("DaemonConfSet.sh");
-  const Outcome outcome = rule({"enable", "mine.cf"});
-  EXPECT_EQ(outcome.status, 1);
-  EXPECT_NE(outcome.err.find("scripts/DaemonConfSet.sh spam\""), std::string::npos)
-      << outcome.err;
-  EXPECT_EQ(list(), "on   mine.cf\n");
+  for (const char *verb : {"enable", "disable", "delete"}) {
+    const Outcome outcome = rule({verb, "mine.cf"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err,
+              "postwell: the rule files are as wanted, but the spam filter may not "
+              "follow.\nA line above tells why; correct the cause and run\n"
+              "\"/var/packages/Postwell/target/scripts/DaemonConfSet.sh spam\".\n");
+  }
+  EXPECT_EQ(list(), "");
 }
 
 TEST_F(PostwellSpamRules, NamesThatLeadElsewhereAreRefused) {
@@ -267,7 +293,11 @@ TEST_F(PostwellSpamRules, WhatIsNotThereOrThereAlreadyIsTold) {
   }
   writeFile(kActive + "only.cf", "kept");  // its only copy
   for (const char *verb : {"enable", "disable"})
-    EXPECT_EQ(rule({verb, "only.cf"}).status, 1);
+    EXPECT_EQ(
+        rule({verb, "only.cf"})
+            .err.rfind("postwell: the one copy of rule file \"only.cf\" is that in force",
+                       0),
+        0u);
   EXPECT_EQ(readFile(kActive + "only.cf"), "kept");
 
   ASSERT_EQ(rule({"add", kSource}).status, 0);
@@ -364,8 +394,6 @@ TEST_F(PostwellSecurity, ShowAndSet) {
             "anti_virus        no\n"
             "clean_interval    30\n");
   const Keys before = settingsNow();
-  // the key must be there for the library
-  writeFile(PackageTree::kSettings, kSomeSettings + "anti_virus_enable=\"no\"\n");
   EXPECT_EQ(set({"--spam", "yes", "--dnsbl", "yes", "--anti-virus", "yes",
                  "--clean-interval", "7"})
                 .out,
@@ -406,23 +434,38 @@ TEST_F(PostwellSecurity, EachFailingStepIsToldThoughTheLibraryReportsSuccess) {
 }
 
 TEST_F(PostwellSecurity, SettingsThatAreNotStoredAreTold) {
+  const std::string message =
+      "postwell: all settings but that of the spam filter could not be stored: the spam "
+      "filter does not take its\n"
+      "settings, of which a line above tells, or the line anti_virus_enable in\n"
+      "/var/packages/Postwell/etc/postwell.conf is damaged.\n"
+      "Correct the cause and set them again.\n";
   // a value that the library has no room for ends its sequence there
   writeFile(PackageTree::kSettings,
             kSomeSettings + "anti_virus_enable=\"" + std::string(16, 'x') + "\"\n");
   const Outcome outcome = set({"--dnsbl", "yes"});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_EQ(outcome.out, "");
-  EXPECT_EQ(outcome.err.rfind(
-                "postwell: saving failed and the settings are not as wanted.\n", 0),
-            0u)
-      << outcome.err;
+  EXPECT_EQ(outcome.err, message);
   EXPECT_EQ(settingsNow().count("spam_dnsbl_enable"), 0u);
 
   // as does a configuration that the spam filter refuses
   writeFile(PackageTree::kSettings, kSomeSettings);
   package_.failScript("DaemonConfSet.sh", 1, "spam");
-  EXPECT_EQ(set({"--dnsbl", "yes"}).err, outcome.err);
+  EXPECT_EQ(set({"--dnsbl", "yes"}).err, message);
   EXPECT_EQ(settingsNow().count("spam_dnsbl_enable"), 0u);
+}
+
+TEST_F(PostwellSecurity, BlocklistsThatAreNotStoredAreTold) {
+  ASSERT_EQ(chmod(kBlocklists.c_str(), 0444), 0);
+  const Outcome outcome = set({"--dnsbl", "yes"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err,
+            "postwell: the blocklists could not be stored: "
+            "/var/packages/Postwell/etc/spamlist.conf cannot be written; the\n"
+            "system log tells why. Compare \"postwell dnsbl list\" with what should be "
+            "there.\nCorrect the cause and set them again.\n");
 }
 
 TEST_F(PostwellSecurity, WrongValuesAreRefused) {

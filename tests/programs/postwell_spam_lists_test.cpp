@@ -169,12 +169,12 @@ TEST_F(PostwellSpamLists, ImportTellsWhatItSkipsAndWhy) {
       {kMaker});
   EXPECT_EQ(entries(),
             (Rows{"1|a@b.example|0|1", "2|c.example|1|1", "2|last.example|1|1"}));
-  writeFile(kFile, "nonsense\n");
+  writeFile(kFile, "From: W.Example\tyes\nnonsense\n");
   expectDone({"whitelist", "import", kFile, "--json"}, R"({
-  "taken": 0,
+  "taken": 1,
   "skipped": [
     {
-      "line": 1,
+      "line": 2,
       "text": "nonsense",
       "reason": "it begins with neither From: nor To:"
     }
@@ -182,6 +182,7 @@ TEST_F(PostwellSpamLists, ImportTellsWhatItSkipsAndWhy) {
 }
 )",
              {kMaker});
+  EXPECT_EQ(entries().back(), "2|w.example|0|2");
   expectRefused({"whitelist", "import", "/no/such/file"}, 1,
                 "cannot read \"/no/such/file\"");
 }

@@ -115,14 +115,16 @@ TEST_F(Usage, Version) {
 TEST_F(Usage, WrongUsageIsStatus2) {
   expectRefused({}, "name one of: smtp, relay, protocol, alias, domain, log");
   expectRefused({"smtp"}, "name one of: show, set");
-  expectRefused({"mail", "show"}, "not expected: show mail");
-  expectRefused({"smtp", "shwo"}, "not expected: shwo");
+  expectRefused({"mail", "show"},
+                "\"mail\" is none of: smtp, relay, protocol, alias, domain");
+  expectRefused({"smtp", "shwo"}, "\"shwo\" is none of: show, set\n");
   expectRefused({"smtp", "show", "set", "--port", "26"}, "set");
-  expectRefused({"smtp", "set", "--prot", "26"}, "--prot");
-  expectRefused({"smtp", "show", "--yaml"}, "--yaml");
+  expectRefused({"smtp", "set", "--prot", "26"}, "\"--prot\" is no option here\n");
+  expectRefused({"smtp", "show", "--yaml"}, "\"--yaml\" is no option here\n");
   expectRefused({"smtp", "show", "--port", "25"}, "--port");
   expectRefused({"smtp", "set", "--port", "26", "--bogus"}, "--bogus");
-  expectRefused({"smtp", "set", "--port", "26", "extra"}, "extra");
+  expectRefused({"smtp", "set", "--port", "26", "extra"},
+                "\"extra\" is one word too many\n");
   expectRefused({"smtp", "set", "--port"}, "--port: 1 required NUMBER missing");
   expectRefused({"smtp", "set", "--port", "26", "--port", "27"}, "--port");
   expectRefused({"smtp", "set", "--port", "26", "--smtps-port", "0"}, "--smtps-port");
