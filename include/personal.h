@@ -10,7 +10,8 @@
 // Construct for a user, check isValid(), read and change, save(). Kept in the user's home
 // directory: ".forward", which the mail system obeys at delivery, and ".vacation.msg",
 // the reply's text. No name, address or text is checked, and who may set whose is the
-// caller's to decide.
+// caller's to decide. Symbolic links are followed: a program of root's takes on the
+// user's identity before it constructs one.
 class POSTWELL_API Personal {
  public:
   // Reads what the user has set; a missing file leaves its fields off and empty. The user

@@ -44,6 +44,11 @@ constexpr char kSpamBlackWhite[] =
     "/var/packages/Postwell/target/bin/kest_spam_blackwhite";
 constexpr char kGenLoginMap[] = "/var/packages/Postwell/target/bin/kest_gen_login_map";
 
+// Local users' home directories, a folder of the user's name each.
+constexpr char kHomes[] = "/var/services/homes/";
+// Named in a user's ".forward", which the mail system obeys.
+constexpr char kVacation[] = "/var/packages/Postwell/target/bin/vacation";
+
 constexpr char kCopy[] = "/bin/cp";
 
 }  // namespace paths

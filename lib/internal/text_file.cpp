@@ -1,4 +1,4 @@
-// stdio hides a full disk until the flush: finish() asks for it.
+// stdio hides a full disk until the flush: flush() and finish() ask for it.
 
 #include "internal/text_file.h"
 
@@ -16,12 +16,14 @@ TextFile::~TextFile() {
 void TextFile::print(const char *format, ...) noexcept {
   va_list arguments;
   va_start(arguments, format);
-  vfprintf(_file, format, arguments);  // finish() tells of a failure
+  vfprintf(_file, format, arguments);  // flush() tells of a failure
   va_end(arguments);
 }
 
+bool TextFile::flush() noexcept { return ferror(_file) == 0 && fflush(_file) == 0; }
+
 bool TextFile::finish() noexcept {
-  const bool written = ferror(_file) == 0 && fflush(_file) == 0;
+  const bool written = flush();
   const bool closed = fclose(_file) == 0;
   _file = nullptr;
   return written && closed;

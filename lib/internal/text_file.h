@@ -7,7 +7,7 @@
 
 namespace internal {
 
-// Nothing is known to be in the file before finish().
+// Nothing is known to be in the file before flush() or finish().
 class TextFile {
  public:
   // `mode` is fopen's.
@@ -18,7 +18,9 @@ class TextFile {
 
   bool isOpen() const noexcept { return _file != nullptr; }
   void print(const char *format, ...) noexcept __attribute__((format(printf, 2, 3)));
-  // Whether all that was printed is written.
+  // Whether all that was printed so far is written.
+  bool flush() noexcept;
+  // The same, and the file is closed.
   bool finish() noexcept;
 
  private:
