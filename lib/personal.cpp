@@ -9,6 +9,7 @@
 
 #include "personal.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -99,6 +100,8 @@ void Personal::setReplyMessage(const std::string &message) noexcept {
 
 namespace {
 
+constexpr int kWaitForNobody = O_NONBLOCK;  // should the path name a pipe
+
 // The next line that says something, without the white space at its ends; null without
 // one.
 const char *nextLine(LineReader *reader) {
@@ -110,7 +113,7 @@ const char *nextLine(LineReader *reader) {
 
 // The first line that neither keeps a copy nor makes replies; none leaves it empty.
 bool readAddress(const std::string &path, std::string *address, bool *keepsCopy) {
-  LineReader reader(path.c_str());
+  LineReader reader(path.c_str(), kWaitForNobody);
   if (!reader.isFile()) {
     LOG_ERROR("Can not open Forward file.");
     return false;
@@ -128,7 +131,7 @@ bool readAddress(const std::string &path, std::string *address, bool *keepsCopy)
 
 // What precedes the subject is dropped, all of it without a subject.
 bool readReply(const std::string &path, std::string *subject, std::string *message) {
-  LineReader reader(path.c_str());
+  LineReader reader(path.c_str(), kWaitForNobody);
   if (!reader.isFile()) {
     LOG_ERROR("Can not open vacation file.");
     return false;

@@ -15,8 +15,8 @@ namespace internal {
 
 class LineReader {
  public:
-  // errno tells why the file is not open.
-  explicit LineReader(const char *path) : _file(openFile(path)) {}
+  // errno tells why the file is not open. `flags` are further ones of open().
+  explicit LineReader(const char *path, int flags = 0) : _file(openFile(path, flags)) {}
   ~LineReader() {
     if (_file != nullptr) fclose(_file);  // nothing was written
     free(_line);
@@ -41,9 +41,8 @@ class LineReader {
   int length() const { return static_cast<int>(_length); }
 
  private:
-  // Waits for nobody, should the path name a pipe.
-  static FILE *openFile(const char *path) {
-    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  static FILE *openFile(const char *path, int flags) {
+    const int fd = open(path, O_RDONLY | O_CLOEXEC | flags);
     FILE *const file = fd < 0 ? nullptr : fdopen(fd, "r");
     if (file == nullptr && fd >= 0) close(fd);
     return file;

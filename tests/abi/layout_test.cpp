@@ -20,6 +20,7 @@
 #include "domain.h"
 #include "maillog.h"
 #include "maillogger.h"
+#include "personal.h"
 #include "receive_protocol.h"
 #include "security.h"
 #include "smtp.h"
@@ -74,6 +75,20 @@ struct DBHandlerFields {
 struct MemberInfoFields {
   std::string name;
   int type;
+};
+
+struct PersonalFields {
+  std::string errKey;
+  std::string user;
+  bool valid;
+  bool dirty;
+  std::string homePath;
+  bool enableForward;
+  bool keepCopy;
+  std::string forwardAddr;
+  bool enableReply;
+  std::string replySubject;
+  std::string replyMessage;
 };
 
 struct AliasFields {
@@ -246,6 +261,7 @@ static_assert(sizeof(SQLCmd) == sizeof(SQLCmdFields));
 static_assert(sizeof(DBHandler) == sizeof(DBHandlerFields));
 static_assert(sizeof(MemberInfo) == sizeof(MemberInfoFields));
 static_assert(sizeof(Alias) == sizeof(AliasFields));
+static_assert(sizeof(Personal) == sizeof(PersonalFields));
 static_assert(sizeof(Domain) == sizeof(DomainFields));
 static_assert(sizeof(MailLogInfo) == sizeof(MailLogInfoFields));
 static_assert(sizeof(Count) == sizeof(CountFields));
@@ -303,6 +319,7 @@ TEST(Layout, SizesAreKnown) {
     EXPECT_EQ(sizeof(MailLogInfo), 208u);
     EXPECT_EQ(sizeof(Count), 96u);
     EXPECT_EQ(sizeof(MailLogger), 232u);
+    EXPECT_EQ(sizeof(Personal), 216u);
   } else {
     EXPECT_EQ(sizeof(Relay), 84u);
     EXPECT_EQ(sizeof(SMTP), 180u);
@@ -315,6 +332,7 @@ TEST(Layout, SizesAreKnown) {
     EXPECT_EQ(sizeof(MailLogInfo), 152u);
     EXPECT_EQ(sizeof(Count), 48u);
     EXPECT_EQ(sizeof(MailLogger), 124u);
+    EXPECT_EQ(sizeof(Personal), 156u);
   }
 }
 
@@ -504,6 +522,29 @@ TEST(Layout, AliasIsItsErrorHandleAndNames) {
   EXPECT_EQ(fields.err, -1);
   EXPECT_EQ(fields.aliasDB, nullptr);
   EXPECT_EQ(fields.aliasList.size(), 0u);
+}
+
+TEST(Layout, EveryPersonalFieldStandsAtItsPlace) {
+  Personal personal("alice");  // without a settings file accounts are local
+  const auto &fields = reinterpret_cast<const PersonalFields &>(personal);
+  EXPECT_EQ(fields.user, "alice");
+  EXPECT_TRUE(fields.valid);
+  EXPECT_FALSE(fields.dirty);
+  EXPECT_EQ(fields.homePath, "/var/services/homes/alice");
+  personal.setForward(true);
+  EXPECT_TRUE(fields.enableForward);
+  personal.setKeepCopy(true);
+  EXPECT_TRUE(fields.keepCopy);
+  personal.setForwardAddr("address");
+  EXPECT_EQ(fields.forwardAddr, "address");
+  personal.setReply(true);
+  EXPECT_TRUE(fields.enableReply);
+  personal.setReplySubject("subject");
+  EXPECT_EQ(fields.replySubject, "subject");
+  personal.setReplyMessage("message");
+  EXPECT_EQ(fields.replyMessage, "message");
+  const Personal other("carla@corp.example");
+  EXPECT_EQ(reinterpret_cast<const PersonalFields &>(other).errKey, "acc_type_unsupport");
 }
 
 TEST(Layout, DomainIsItsList) {

@@ -6,6 +6,9 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 #include <map>
 
 #include "kestcore.h"
@@ -88,6 +91,18 @@ int KLIBCStrTrimSpace(char *text, int flags) {
   return platform::real(&KLIBCStrTrimSpace, "KLIBCStrTrimSpace")(text, flags);
 }
 
+char *KLIBCStrGet(const char *format, ...) {
+  if (platform::fails("KLIBCStrGet")) return nullptr;
+  char *text = nullptr;
+  va_list arguments;
+  va_start(arguments, format);
+  EXPECT_GE(vasprintf(&text, format, arguments), 0);
+  va_end(arguments);
+  char *const copy = platform::real(&KLIBCStrGet, "KLIBCStrGet")("%s", text);
+  free(text);
+  return copy;
+}
+
 KLIBCSzList *KLIBCSzListAlloc(int size) {
   platform::note("KLIBCSzListAlloc", std::to_string(size));
   FAIL_OR_FORWARD(KLIBCSzListAlloc, nullptr, size);
@@ -132,6 +147,14 @@ int KLIBCFileSetSectionValue(const char *path, const char *section, const char *
   FAIL_OR_FORWARD(KLIBCFileSetSectionValue, -1, path, section, key, value, format);
 }
 
+int KLIBCFileGetLine(const char *path, const char *text, char *buffer, int size,
+                     int flags) {
+  platform::note("KLIBCFileGetLine",
+                 std::string(path) + " " + text + " " + std::to_string(size));
+  EXPECT_EQ(flags, 0);
+  FAIL_OR_FORWARD(KLIBCFileGetLine, -1, path, text, buffer, size, flags);
+}
+
 int KLIBCExec(const char *program, const char *arg1, const char *arg2, const char *arg3,
               const char *arg4) {
   std::string line = program;
@@ -160,6 +183,22 @@ int KESTUserEnum(KLIBCSzList **list, int type) {
   int answer;
   if (platform::hasAnswer("KESTUserEnum", &answer)) return answer;
   FAIL_OR_FORWARD(KESTUserEnum, -1, list, type);
+}
+
+int KESTDomainUserHomePathGet(const char *user, char *buffer, int size) {
+  platform::note("KESTDomainUserHomePathGet",
+                 std::string(user) + " " + std::to_string(size));
+  int answer;
+  if (platform::hasAnswer("KESTDomainUserHomePathGet", &answer)) return answer;
+  FAIL_OR_FORWARD(KESTDomainUserHomePathGet, -1, user, buffer, size);
+}
+
+int KESTLDAPUserHomePathGet(const char *user, char *buffer, int size) {
+  platform::note("KESTLDAPUserHomePathGet",
+                 std::string(user) + " " + std::to_string(size));
+  int answer;
+  if (platform::hasAnswer("KESTLDAPUserHomePathGet", &answer)) return answer;
+  FAIL_OR_FORWARD(KESTLDAPUserHomePathGet, -1, user, buffer, size);
 }
 
 int KESTFwRuleHup() {

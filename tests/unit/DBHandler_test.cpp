@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include "support/database.h"
 #include "support/files.h"
 #include "support/library_test.h"
+#include "support/limit.h"
 
 namespace {
 
@@ -69,23 +69,6 @@ SQLCmd commands(const std::vector<const char *> &statements) {
   for (const char *statement : statements) cmds += statement;
   return cmds;
 }
-
-// A limit of the process that ends with the object.
-class Limit {
- public:
-  Limit(int resource, rlim_t value) : resource_(resource) {
-    EXPECT_EQ(getrlimit(static_cast<__rlimit_resource_t>(resource), &before_), 0);
-    const rlimit changed = {value, before_.rlim_max};
-    EXPECT_EQ(setrlimit(static_cast<__rlimit_resource_t>(resource), &changed), 0);
-  }
-  ~Limit() { setrlimit(static_cast<__rlimit_resource_t>(resource_), &before_); }
-  Limit(const Limit &) = delete;
-  Limit &operator=(const Limit &) = delete;
-
- private:
-  int resource_;
-  rlimit before_{};
-};
 
 // ---- SQLCmd
 

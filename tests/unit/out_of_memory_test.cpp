@@ -16,6 +16,7 @@
 #include "bcc.h"
 #include "domain.h"
 #include "maillog.h"
+#include "personal.h"
 #include "postwell.h"
 #include "receive_protocol.h"
 #include "security.h"
@@ -471,6 +472,52 @@ TEST_F(OutOfMemoryTest, SecurityIsMadeWholeAndLogsWhatItDoesNotReport) {
     EXPECT_FALSE(log.take().empty()) << n;
     ASSERT_LT(n, 2000);
   }
+}
+
+TEST_F(OutOfMemoryTest, PersonalIsReadAndWrittenWholeOrFailsAndNeverThrows) {
+  const std::string home = "/var/services/homes/alice", longer(1000, 'x'),
+                    read = kLong + "\r\n";
+  mkdir(home.c_str(), 0755);
+  const std::string forward =
+                        "\\alice\n\"|/var/packages/Postwell/target/bin/vacation "
+                        "alice\"\n" +
+                        kLong + "\n",
+                    message = "From:\"alice\"\nSubject:" + kLong + "\n" + kLong + "\n";
+  writeFile(home + "/.forward", forward);
+  writeFile(home + "/.vacation.msg", message);
+  EXPECT_GT(sweep([&read] {
+              const Personal personal("alice");
+              if (!personal.isValid()) return -1;
+              EXPECT_TRUE(personal.isEnabledForward() && personal.isKeepCopy() &&
+                          personal.isEnabledReply());
+              return personal.getForwardAddr() == kLong &&
+                             personal.getReplySubject() == kLong &&
+                             personal.getReplyMessage() == read
+                         ? 0
+                         : -1;  // a text that is empty without memory
+            }),
+            8);
+  for (const std::string &line : logged())
+    EXPECT_TRUE(line == "smtp.cpp: Out of memory" ||
+                line == "smtp.cpp: KLIBCFileGetPair fail" ||
+                line == "personal.cpp: Out of memory")
+        << line;
+
+  Personal personal("alice");
+  allocations::failAfter(0);
+  const bool isEmpty = personal.getForwardAddr().empty();
+  personal.setForwardAddr(longer);
+  personal.setReplySubject(longer);
+  personal.setReplyMessage(longer);
+  EXPECT_TRUE(allocations::stopFailing());
+  EXPECT_TRUE(isEmpty);
+  EXPECT_EQ(logged(), std::vector<std::string>(4, "personal.cpp: Out of memory"));
+  EXPECT_EQ(personal.getForwardAddr(), kLong);
+  personal.setReplyMessage(kLong);
+  EXPECT_GT(sweep([&] { return personal.save(); }), 4);
+  EXPECT_EQ(logged().back(), "personal.cpp: Out of memory");
+  EXPECT_EQ(readFile(home + "/.forward"), forward);
+  EXPECT_EQ(readFile(home + "/.vacation.msg"), message);
 }
 
 TEST_F(OutOfMemoryTest, HelpersGiveEmptyResultsAndNeverThrow) {
