@@ -28,6 +28,7 @@ VIRUS=$T/etc/clamav
 VIRUS_SIGNATURES=/var/lib/clamav        # the machine's own, kept up to date by freshclam
 VIRUS_USER=clamav                       # examines mail, and shows it to himself
 TLS=$T/etc/ssl
+HOMES=/var/services/homes               # of local accounts
 QUEUE=$T/var/spool/postfix
 STATE=$T/var/lib
 LOGS=$T/var/log

@@ -124,6 +124,15 @@ spamMilter() {
   ! enabled spam_enable || echo "{ unix:$SPAM_MILTER, default_action=accept }"
 }
 
+# Where the library keeps a user's ".forward", by the kind of account.
+forwardPath() {
+  if [[ ${settings[account_type]:-local} == local ]]; then
+    echo "$HOMES/\$user/.forward"
+  else
+    echo "\$home/.forward"
+  fi
+}
+
 writeMainCf() {
   local domains auth=no limit=$((settings[message_limit] * 1048576))
   domains=$(domainsOf canonical_domain | sed 's/^/, /' | tr -d '\n')
@@ -151,6 +160,7 @@ mailbox_size_limit = 0
 alias_maps = lmdb:$POSTFIX/aliases
 alias_database =
 local_recipient_maps = proxy:unix:passwd.byname \$alias_maps
+forward_path = $(forwardPath)
 mailbox_transport = lmtp:unix:private/dovecot-lmtp
 always_bcc = ${settings[always_bcc]//\$/\$\$}
 sender_bcc_maps = lmdb:$POSTFIX/bcc_sender
