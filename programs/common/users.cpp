@@ -18,3 +18,15 @@ bool listUsers(const std::string &accountType, std::vector<std::string> *users) 
     users->emplace_back(user);
   return complete;
 }
+
+std::string homeOf(const std::string &user) {
+  char home[4096];
+  int result;
+  if (user.find('\\', 1) != std::string::npos)
+    result = KESTDomainUserHomePathGet(user.c_str(), home, sizeof home);
+  else if (user.find('@', 1) != std::string::npos)
+    result = KESTLDAPUserHomePathGet(user.c_str(), home, sizeof home);
+  else
+    return "/var/services/homes/" + user;
+  return result < 0 ? "" : home;
+}

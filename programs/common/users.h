@@ -11,4 +11,8 @@
 // list them all.
 bool listUsers(const std::string &accountType, std::vector<std::string> *users);
 
+// The home directory of a user "name", "name@domain" of a directory or "DOMAIN\name" of
+// a domain; empty when the host does not know it.
+std::string homeOf(const std::string &user);
+
 #endif  // POSTWELL_PROGRAMS_USERS_H_

@@ -39,6 +39,7 @@ int run(int argc, const char *const *argv) {
   addSpam(app);
   addDnsbl(app);
   addSecurity(app);
+  addPersonal(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ExtrasError &) {

@@ -19,12 +19,6 @@ std::string forTerminal(const Values &value) {
   return text.empty() ? "(none)" : printable(text);
 }
 
-void printLines(const Values &values) {
-  constexpr int kColumn = 18;  // fits the longest key
-  for (const auto &[key, value] : values.items())
-    std::cout << std::left << std::setw(kColumn) << key << forTerminal(value) << '\n';
-}
-
 std::string subcommandNames(const CLI::App &command) {
   std::string names;
   for (const CLI::App *const other : command.get_subcommands(nullptr))
@@ -116,6 +110,12 @@ CLI::App &addReader(CLI::App &noun, const std::string &verb, const std::string &
     if (judge) judge(values);
   });
   return *command;
+}
+
+void printLines(const Values &values) {
+  constexpr int kColumn = 18;  // fits the longest key
+  for (const auto &[key, value] : values.items())
+    std::cout << std::left << std::setw(kColumn) << key << forTerminal(value) << '\n';
 }
 
 void addShow(CLI::App &noun, const std::function<Values()> &read) {

@@ -65,6 +65,9 @@ CLI::App &addReader(CLI::App &noun, const std::string &verb, const std::string &
 // Adds "show", which prints the settings that `read` returns, one a line.
 void addShow(CLI::App &noun, const std::function<Values()> &read);
 
+// Prints the settings, one a line.
+void printLines(const Values &values);
+
 // "on" or "off", for messages.
 const char *onOff(bool flag);
 
@@ -86,24 +89,25 @@ class SetCommand {
   // Adds an option that is checked by the rule and then given to the setter, a
   // member function or anything called with the settings and a value.
   template <class Value, class Setter>
-  void option(const std::string &name, const std::string &help, const Rule &rule,
-              Setter setter) {
+  CLI::Option *option(const std::string &name, const std::string &help, const Rule &rule,
+                      Setter setter) {
     const std::function<void(const Value &)> remember = [changes = changes_,
                                                          setter](const Value &value) {
       changes->push_back(
           [setter, value](Settings &settings) { std::invoke(setter, settings, value); });
     };
-    command_->add_option_function(name, remember, help)
+    return command_->add_option_function(name, remember, help)
         ->transform(rule.validator)
         ->type_name(rule.takes);
   }
 
-  // What the command does, once its line is known to name an option.
+  // What the command does, once its line is known to name an option that it need not.
   void callback(const std::function<void()> &run) const {
     command_->callback([command = command_, run] {
-      constexpr size_t kVerbAlone = 1;
-      if (command->count_all() == kVerbAlone)
-        throw wrongUsage("name at least one setting");
+      size_t least = 1;  // the verb
+      for (const CLI::Option *const option : command->get_options())
+        if (option->get_required()) ++least;
+      if (command->count_all() == least) throw wrongUsage("name at least one setting");
       run();
     });
   }

@@ -20,5 +20,6 @@ void addSpamLists(CLI::App &app);
 void addSpam(CLI::App &app);
 void addDnsbl(CLI::App &app);
 void addSecurity(CLI::App &app);
+void addPersonal(CLI::App &app);
 
 #endif  // POSTWELL_PROGRAMS_NOUNS_H_

@@ -117,6 +117,27 @@ Rule mailTarget() {
   });
 }
 
+Rule forwardAddress() {
+  return makeRule("ADDRESS", [](std::string &value) -> std::string {
+    // a comment; and what marks the line that makes the vacation reply
+    const bool isOther =
+        value[0] == '#' || value.find("/bin/vacation") != std::string::npos;
+    if (isMailAddress(value) && !isOther) return "";
+    return wrong("must be one mail address such as bob@example.org", value);
+  });
+}
+
+Rule replySubject() {
+  return makeRule("TEXT", [](std::string &value) -> std::string {
+    constexpr size_t kLongest = 200;
+    const bool isFit = !value.empty() && value.size() <= kLongest && isUtf8(value) &&
+                       !hasControl(value) && value.front() != ' ' && value.back() != ' ';
+    return isFit ? ""
+                 : wrong("must be 1 to 200 bytes of UTF-8 without control characters",
+                         value);
+  });
+}
+
 Rule someText() {
   return makeRule("TEXT", [](std::string &value) -> std::string {
     return value.empty() ? "must not be empty" : "";

@@ -26,6 +26,8 @@ Rule domainName();                      // made small
 Rule aliasName();                       // a name that an alias can have
 Rule mailAddress();                     // such as bob@example.org
 Rule mailTarget();                      // the same, or the name of an account
+Rule forwardAddress();                  // one that a ".forward" takes for nothing else
+Rule replySubject();                    // UTF-8 that can stand in a header
 Rule someText();                        // not empty
 Rule oneOf(const std::vector<std::string> &words);  // becomes the word's index
 Rule moment(DayEnd end);                            // becomes seconds since the epoch
