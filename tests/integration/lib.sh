@@ -121,6 +121,9 @@ inMailbox() { grep -qr -- "$2" "/var/services/homes/$1/Maildir/new" "/var/servic
 # mailFile USER TEXT: the message that holds it.
 mailFile() { grep -rl -- "$2" "/var/services/homes/$1/Maildir/new" "/var/services/homes/$1/Maildir/cur" | head -n 1; }
 
+# settled: all mail has gone where it goes.
+settled() { [[ $(postqueue -c "$POSTFIX" -p) == *'queue is empty'* ]]; }
+
 # token: a word that no other message has.
 token() { tr -d - </proc/sys/kernel/random/uuid; }
 

@@ -74,7 +74,10 @@ TEST_F(Usage, HelpStandsEverywhere) {
                                                          {"bcc", "always"},
                                                          {"bcc", "always", "set"},
                                                          {"bcc", "import"},
-                                                         {"bcc", "export"}}) {
+                                                         {"bcc", "export"},
+                                                         {"personal"},
+                                                         {"personal", "show"},
+                                                         {"personal", "set"}}) {
     Arguments arguments = command;
     arguments.push_back("--help");
     const Outcome outcome = run(arguments);

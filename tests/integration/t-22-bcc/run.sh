@@ -14,7 +14,6 @@ mail() {
 }
 # copied USER: a copy is there, once. notCopied USER: what would have been copied is not.
 copied() { waitFor inMailbox "$1" "$word"; }
-settled() { [[ $(postqueue -c "$POSTFIX" -p) == *'queue is empty'* ]]; }
 notCopied() {
   waitFor settled
   refute inMailbox "$1" "$word"
