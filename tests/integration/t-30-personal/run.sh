@@ -4,7 +4,7 @@
 # What goes wrong on the way neither bounces nor repeats the mail.
 # shellcheck source=../lib.sh
 . "$(dirname "$0")/../lib.sh"
-addUsers alice bob carol dave erin frank
+addUsers alice bob carol dave erin frank gus
 startMail
 home=/var/services/homes/alice
 
@@ -96,6 +96,16 @@ waitFor settled
 expect foundOnce bob "$away"
 expect foundOnce carol "$away"
 
+step "a mail waits while another is being answered"
+exec {answering}<"$home"
+expect flock "$answering"
+before=$(answered)
+mail "frank@$DOMAIN"
+waitFor pgrep -x flock >/dev/null
+expect equal "$(answered)" "$before"
+exec {answering}<&-
+waitFor foundOnce frank "$away"
+
 step "no reply to lists, programs, spam and nobody"
 unanswered list@lists.example --h-List-Id '<list.lists.example>'
 unanswered ann@lists.example --add-header $'List-Post:\n <mailto:list@lists.example>'
@@ -107,14 +117,14 @@ unanswered robot@elsewhere.example --h-Auto-Submitted auto-generated
 unanswered spam@elsewhere.example --h-X-Spam-Flag YES
 unanswered postmaster@elsewhere.example
 unanswered '<>'
-expect equal "$(answered)" "$(printf '%s\n' {bob,carol,erin}@"$DOMAIN")"
+expect equal "$(answered)" "$(printf '%s\n' {bob,carol,erin,frank}@"$DOMAIN")"
 
 step "what a stranger writes starts nothing and breaks nothing"
 # shellcheck disable=SC2016  # not to be expanded here
 hostile='$(touch /tmp/owned) `touch /tmp/owned` |touch /tmp/owned; "'\''\ $SUBJECT %s'
-mail "frank@$DOMAIN" --h-Subject "$hostile"
-waitFor foundOnce frank "$away"
-expect inMailbox frank "You wrote: \$(touch /tmp/owned) "
+mail "gus@$DOMAIN" --h-Subject "$hostile"
+waitFor foundOnce gus "$away"
+expect inMailbox gus "You wrote: \$(touch /tmp/owned) "
 for sender in "\"|touch /tmp/owned\"@$DOMAIN" \
   "\$(touch /tmp/owned)@$DOMAIN" "'x@$DOMAIN" "\"a b\"@$DOMAIN"; do
   mail "$sender"
@@ -181,9 +191,10 @@ expect foundOnce erin "$away"
 expect equal "$(found erin "$again")" 0
 
 step "accounts of a directory and a domain: the .forward in the home that they name"
-expect useradd -m -d /srv/gina gina
+expect mkdir /var/lib/homes
+expect useradd -m -d /var/lib/homes/gina gina
 for name in gina@corp.example 'CORP\gina'; do
-  echo "$name:x:$(id -u gina):$(id -g gina)::/srv/gina:/bin/sh" >>/etc/passwd
+  echo "$name:x:$(id -u gina):$(id -g gina)::/var/lib/homes/gina:/bin/sh" >>/etc/passwd
   [[ $name == *@* ]] && type=ldap || type=win
   expect postwell smtp set --account-type "$type" >/dev/null
   waitFor portOpen 25
@@ -193,6 +204,6 @@ for name in gina@corp.example 'CORP\gina'; do
   expect send --from "bob@$DOMAIN" --to "gina@$DOMAIN" --h-Subject "$word"
   waitFor foundOnce dave "$word"
   waitFor foundOnce bob "Away in $type $away"
-  expect grep -qr "$word" /srv/gina/Maildir/new
+  expect grep -qr "$word" /var/lib/homes/gina/Maildir/new
   expect postwell personal set "$name" --off >/dev/null
 done
