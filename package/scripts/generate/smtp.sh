@@ -47,11 +47,19 @@ trustedNetworks() {
 }
 
 # blocklistsOf SECTION: its names, one a line, each once, without what an editor of another
-# system leaves behind.
+# system leaves behind. Like the library, it takes a header in any case and with blanks, and
+# lets a section end at the next "[" that begins a line.
 blocklistsOf() {
-  awk -v header="[$1]" '{ name = $0; gsub(/^[[:space:]]+|[[:space:]]+$/, "", name) }
-    /^\[/ { if (within) exit; within = name == header; next }
-    within && name != "" && !known[tolower(name)]++ { print name }' "$BLOCKLISTS"
+  awk -v section="$1" 'function trimmed(text) {
+      gsub(/^[[:space:]]+|[[:space:]]+$/, "", text)
+      return text
+    }
+    within && /^\[/ { exit }
+    { name = trimmed($0) }
+    within && name != "" && !known[tolower(name)]++ { print name }
+    !within && name ~ /^\[.*\]$/ {
+      within = tolower(trimmed(substr(name, 2, length(name) - 2))) == tolower(section)
+    }' "$BLOCKLISTS"
 }
 
 # addBlocklists SECTION RESTRICTION

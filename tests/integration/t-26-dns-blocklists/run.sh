@@ -87,6 +87,18 @@ wait "$names"
 expect "$SCRIPTS/PostfixDaemon.sh" reload
 accepted --local-interface 10.20.30.9
 
+step "a section is found in any case and with blanks around its name, as the library finds it"
+found=0
+for header in '[rbl server]' ' [ RBL server ] '; do
+  printf '%s\n' "$header" "fourth$((++found)).example" '[ Rhsbl Server ]' others.example >"$lists"
+  expect "$SCRIPTS/DaemonConfSet.sh" smtp
+  expect contains "$(configured smtpd_recipient_restrictions)/" \
+    "reject_rbl_client fourth$found.example=127.0.0.[2..11],reject_rhsbl_sender others.example=127.0.0.[2..11]/"
+  run postwell dnsbl list
+  expect contains "$out" "fourth$found.example"
+  expect contains "$out" others.example
+done
+
 step "a name that is none is refused, and the old lists stay in force"
 before=$(<"$POSTFIX/main.cf")
 for name in 'good.example, permit' 'one two' "\$myhostname" 'a.example=127.0.0.1' '-x.example' '#off.example' 'täuschung.example'; do
