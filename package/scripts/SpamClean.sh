@@ -23,6 +23,6 @@ problem=
 while IFS=: read -r user _ _ _ _ home _; do
   [[ -d $home/Maildir/.Junk ]] || continue
   message=$(doveadm -c "$DOVECOT/dovecot.conf" expunge -u "$user" mailbox Junk \
-    savedbefore "${settings[spam_clean_interval]}d" 2>&1) || problem=$message
+    savedbefore "${settings[spam_clean_interval]}d" </dev/null 2>&1) || problem=$message
 done < <(getent passwd)
 [[ -z $problem ]] || fail "cannot clean a folder for spam: $(reason "$problem")"

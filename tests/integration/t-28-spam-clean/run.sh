@@ -74,6 +74,21 @@ expect equal "$status" 1
 expect contains "$err" 'cannot clean a folder for spam: doveadm(alice): '
 expect equal "$(subjects bob Junk)" ''
 
+step "a program that reads what is not meant for it hides no user"
+expect chown -R alice /var/services/homes/alice/Maildir/.Junk
+expect keep alice Junk spam
+expect keep bob Junk spam
+printf '#!/bin/sh\ncat >/dev/null\nexec /usr/bin/doveadm "$@"\n' >/usr/local/sbin/doveadm
+expect chmod 755 /usr/local/sbin/doveadm
+cleanedAfter 31
+expect rm /usr/local/sbin/doveadm
+expect equal "$(subjects alice Junk)$(subjects bob Junk)" ''
+
+step "arguments are wrong"
+run "$SCRIPTS/SpamClean.sh" now
+expect equal "$status" 2
+expect contains "$err" 'usage: SpamClean.sh (takes no arguments)'
+
 step "without Dovecot nothing is done"
 expect "$SCRIPTS/DovecotDaemon.sh" stop
 cleanedAfter 31
