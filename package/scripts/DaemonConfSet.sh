@@ -7,7 +7,8 @@
 #             running Postfix reads it at once, for callers that do not restart
 #   alias     Postfix's alias database, from alias.db: target/etc/postfix/aliases
 #   spam      SpamAssassin: target/etc/spamassassin/{local.cf,*.pre}, and its black and
-#             white lists; a running spamd reads them at once
+#             white lists; a running spamd reads them at once. While the filter is off, a
+#             configuration that cannot be made is told, and is no failure
 #   mailscanner  ClamAV, when the virus scanner is on:
 #             target/etc/clamav/{clamd.conf,clamav-milter.conf}; Postfix's configuration
 #             and a running spamd follow all settings of mail security

@@ -42,8 +42,8 @@ start() {
     return
   fi
   needs doveconf Dovecot
-  [[ -e $DOVECOT/dovecot.conf ]] || "$here/DaemonConfSet.sh" protocol || exit 1
   if running; then return; fi
+  [[ -e $DOVECOT/dovecot.conf ]] || "$here/DaemonConfSet.sh" protocol || exit 1
   prepareFolders
   { startQuietly dovecot -c "$DOVECOT/dovecot.conf" && waitFor 10 serving; } ||
     fail "Dovecot does not start: $(reason "$said")"

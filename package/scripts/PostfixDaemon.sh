@@ -34,8 +34,8 @@ start() {
     return
   fi
   needs postconf Postfix
-  [[ -e $POSTFIX/main.cf && -e $POSTFIX/master.cf ]] || "$here/DaemonConfSet.sh" smtp || exit 1
   if running; then return; fi
+  [[ -e $POSTFIX/main.cf && -e $POSTFIX/master.cf ]] || "$here/DaemonConfSet.sh" smtp || exit 1
   prepareFolders
   from=$(($(stat -c %s "$LOGS/maillog") + 1))
   { startQuietly postfix -c "$POSTFIX" start && waitFor 10 serving; } ||

@@ -7,9 +7,10 @@
 #            configuration; returns when spamd takes mail
 #   stop     returns when all its processes have ended
 #   restart  stop, then start: with the filter off it stays stopped
-#   reload   makes a running spamd, or one that is being started, read its configuration
-#            again, without a moment in which none is there: a second one starts, takes
-#            the place of the first, and only then the first is stopped
+#   reload   unless the spam filter is off in the settings, makes a running spamd, or one
+#            that is being started, read its configuration again, without a moment in
+#            which none is there: a second one starts, takes the place of the first, and
+#            only then the first is stopped
 #   status   exit status 0 when it runs, 3 when it does not
 #
 # Every verb may be given at any time; what is already so is left so. Exit
@@ -61,8 +62,8 @@ start() {
     return
   fi
   needs spamd SpamAssassin
-  [[ -e $SPAM/local.cf && -e $SPAM_LISTS ]] || "$here/DaemonConfSet.sh" spam || exit 1
   if running; then return; fi
+  [[ -e $SPAM/local.cf && -e $SPAM_LISTS ]] || "$here/DaemonConfSet.sh" spam || exit 1
   prepareSpamFolders
   launch a
   takePlace a
@@ -78,6 +79,7 @@ reload() {
   local old new=a
   running || return 0
   readSettings
+  enabled spam_enable || return 0  # it will be stopped
   prepareSpamFolders
   old=$(inService)
   if [[ $old == a ]]; then new=b; fi

@@ -61,10 +61,10 @@ usage() {
 # reason TEXT: the line of a program's output that says what went wrong, without
 # the date of a log line and the name of the folder that will be gone.
 reason() {
-  local lines
+  local lines logged='^[A-Z][a-z]{2} [ 0-9][0-9] [0-9:.]+ ([^ ]+ )?[^] ]*\[[0-9]+\]:? ((dbg|info|warn|error): )?'
   lines=$(grep -E 'fatal|panic|[Ee]rror|ERROR|Fatal' <<<"$1" | grep -v 'startup failed') || lines=$1
   [[ -z $stage ]] || lines=${lines//"$stage"\//}
-  head -n 1 <<<"$lines" | sed 's/^[A-Z][a-z][a-z] [ 0-9][0-9] .*\]: //; s/^[A-Z][a-z][a-z] [A-Z].* -> //'
+  head -n 1 <<<"$lines" | sed -E "s/$logged//; s/^[A-Z][a-z]{2} [A-Z].* -> //"
 }
 
 # ---- Settings ----------------------------------------------------------------
@@ -195,10 +195,14 @@ prepareFolders() {
 prepareSpamFolders() {
   {
     install -d -m 755 "$RUN" "$SPAM" "${SPAM_LISTS%/*}" "$LOGS" "$STATE" &&
-      install -d -m 755 -o "$SPAM_USER" "$RUN/spamd" "$STATE/spamassassin" &&
+      install -d -m 755 -o root "$RUN/spamd" &&  # where root writes, nobody else may
+      install -d -m 755 -o "$SPAM_USER" "$STATE/spamassassin" &&
       { [[ -e $LOGS/spamd.log ]] || install -m 640 -o "$SPAM_USER" /dev/null "$LOGS/spamd.log"; }
   } || fail "cannot prepare the folders of the spam filter under $T and $RUN"
 }
+
+# wholeLines FILE: its text, of which the last line has an end as well.
+wholeLines() { awk 1 "$1"; }
 
 # stageIn FOLDER: makes a folder beside it, on the same file system, that is gone
 # when the script ends; its name is in $stage.
@@ -278,7 +282,8 @@ listening() { [[ -n $(ss -Hltn "sport = :$1") ]]; }
 
 # serviceVerb NAME VERB: what a service script does with its argument, by its functions
 # start, stop, running and, where the daemon can, reload; one at a time under the lock
-# NAME.
+# NAME. A start makes a configuration only while nothing runs: what makes it has a running
+# daemon reload, which would wait for the same lock.
 serviceVerb() {
   local name=$1 verbs='start|stop|restart|status'
   shift

@@ -26,14 +26,14 @@ number() { if enabled "$1"; then echo 1; else echo 0; fi; }
 writePlugins() {
   local file
   for file in init.pre v310.pre v312.pre; do
-    { cat "$machine/$file" 2>/dev/null || :; } >"$stage/$file" || return
+    { wholeLines "$machine/$file" 2>/dev/null || :; } >"$stage/$file" || return
   done
   echo 'enable_compat welcomelist_blocklist' >>"$stage/init.pre" || return
   if enabled spam_auto_whitelist; then
     echo 'loadplugin Mail::SpamAssassin::Plugin::AWL' >>"$stage/v310.pre" || return
   fi
   for file in "$machine"/v3[2-9]*.pre "$machine"/v[4-9]*.pre; do
-    if [[ -e $file ]]; then cat "$file"; fi
+    if [[ -e $file ]]; then wholeLines "$file"; fi
   done >"$stage/v320.pre"
 }
 
@@ -91,7 +91,16 @@ checkRuleFile() {
   checkStaged
 }
 
+# What nobody uses need not be right, and must not keep the filter from being switched off.
 generate() {
+  if enabled spam_enable; then
+    configure
+  else
+    (configure) || echo "the spam filter is off; it keeps its old configuration" >&2
+  fi
+}
+
+configure() {
   local file
   stageSettings
   checkStaged

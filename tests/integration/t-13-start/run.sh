@@ -30,3 +30,14 @@ for action in restart restart; do
 done
 for job in $(jobs -p); do expect wait "$job"; done
 expect equal "$(openPorts)" "25 143"
+
+step "what runs is left so, whatever has become of its configuration; a restart makes it anew"
+for part in "Postfix $POSTFIX/main.cf" "Dovecot $T/etc/dovecot/dovecot.conf"; do
+  read -r service file <<<"$part"
+  expect rm "$file"
+  expect timeout 60 "$SCRIPTS/${service}Daemon.sh" start
+  expect "$SCRIPTS/${service}Daemon.sh" status
+  expect timeout 60 "$SCRIPTS/${service}Daemon.sh" restart
+  expect test -e "$file"
+done
+expect equal "$(openPorts)" "25 143"

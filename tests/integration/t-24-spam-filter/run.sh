@@ -21,6 +21,27 @@ for service in SpamDaemon MailScanner; do
 done
 expect "$SCRIPTS/check-install.sh"
 
+step "only root makes or removes something where its pid file and its socket are"
+expect equal "$(stat -c '%U %a' /run/postwell/spamd)" 'root 755'
+
+step "a start leaves what runs alone, whatever has become of its configuration"
+for file in "$T/etc/spam/blackwhite.cf" "$T/etc/spamassassin/local.cf"; do
+  expect rm "$file"
+  expect timeout 60 "$SCRIPTS/SpamDaemon.sh" start
+  expect timeout 60 "$SCRIPTS/SpamDaemon.sh" restart
+  expect test -e "$file"
+done
+
+step "wrong arguments"
+for arguments in '' 'start now' begin; do
+  for service in SpamDaemon MailScanner; do
+    # shellcheck disable=SC2086  # none, one or two
+    run "$SCRIPTS/$service.sh" $arguments
+    expect equal "$status" 2
+    expect contains "$err" "usage: $service.sh start|stop|"
+  done
+done
+
 step "without a rule the contents decide"
 marked ham --body 'Shall we meet on Monday?'
 marked spam --body 'XJS*C4JDBQADN1.NSBN3*2IDNEN*GTUBE-STANDARD-ANTI-UBE-TEST-EMAIL*C.34X'
@@ -71,7 +92,7 @@ marked spam --from any@late.example
 
 step "a configuration that SpamAssassin refuses leaves the old one in force"
 echo 'no such option' >"$T/etc/spamassassin/broken.cf"
-refused "SpamAssassin refuses the configuration" "$SCRIPTS/DaemonConfSet.sh" spam
+refused 'SpamAssassin refuses the configuration: config: failed to parse line in broken.cf (line 1): no such option' "$SCRIPTS/DaemonConfSet.sh" spam
 expect rm "$T/etc/spamassassin/broken.cf"
 setKey spam_required_score '5; include /etc/passwd'
 refused 'spam_required_score is "5; include /etc/passwd"' "$SCRIPTS/DaemonConfSet.sh" spam

@@ -133,5 +133,32 @@ restart=$!
 while kill -0 "$restart" 2>/dev/null; do expect sendFromLan --to "alice@$DOMAIN" "${gtube[@]}"; done
 expect wait "$restart"
 marked spam "${gtube[@]}"
+
+step "switched off, a configuration that is bad is told, and keeps nothing else from being set"
+before=$(<"$active/local.cf")
+echo 'no such option' >"$active/broken.cf"
+refused 'in broken.cf (line 1): no such option' "$SCRIPTS/DaemonConfSet.sh" spam
+setKey spam_enable no
+setKey spam_required_score 7.00
+run "$SCRIPTS/DaemonConfSet.sh" spam
+expect equal "$status" 0
+expect contains "$err" 'SpamAssassin refuses the configuration: config: failed to parse line'
+expect contains "$err" 'the spam filter is off; it keeps its old configuration'
+expect equal "$(<"$active/local.cf")" "$before"
+expect equal "$(compgen -G "$active.new.*")" ""
+expect "$SCRIPTS/SpamDaemon.sh" status
+expect postwell spam set --enabled no >/dev/null
+expect equal "$(pgrep -c '^spamd')" 0
+expect mv /usr/bin/spamassassin "$WORLD"
+expect postwell security set --dnsbl no >/dev/null
+run postwell spam set --enabled yes
+expect equal "$status" 1
+expect contains "$err" 'SpamAssassin is not installed'
+expect postwell spam set --enabled no >/dev/null
+expect cp "$WORLD/spamassassin" /usr/bin
+expect rm "$active/broken.cf"
+expect postwell spam set --enabled yes >/dev/null
+marked spam "${gtube[@]}"
+expect contains "$(<"$active/local.cf")" 'required_score 7.00'
 expect "$SCRIPTS/SpamDaemon.sh" stop
 expect equal "$(pgrep -c '^spamd')" 0
