@@ -45,8 +45,16 @@ step "a rule file is linted, and counts from its switching on to its switching o
 printf 'body /unclosed\nscore\n' >"$rule"
 fails spam rule add "$rule"
 expect contains "$err" 'the rule file was not taken'
+expect contains "$err" 'SpamAssassin refuses the configuration: config: '
 tool spam rules
 expect equal "$out" ""
+before=$(find "$T/etc" "$P/etc" | sort)
+for name in .. . .x.cf local.cf x $'a\n.cf' -x.cf ../x.cf; do
+  run "$SCRIPTS/SpamRuleCheck.sh" "$rule" "$name"
+  expect equal "$status" 2
+  expect equal "$err" 'usage: SpamRuleCheck.sh FILE NAME'
+  expect equal "$(find "$T/etc" "$P/etc" | sort)" "$before"
+done
 printf 'body BARGAIN /bargain of the century/\nscore BARGAIN 10\n' >"$rule"
 tool spam rule add "$rule"
 refute tagged "${bargain[@]}"
