@@ -37,25 +37,26 @@ running() {
 }
 
 # launch NAME SOCKET USER COMMAND...: a milter that takes mail, or the end of the script.
-# The folder keeps out everybody but Postfix; the socket is made open to all.
+# The folder keeps out everybody but Postfix; the socket must be open to all.
 launch() {
   local name=$1 socket=$2 user=$3
   shift 3
   { install -d -m 755 "$RUN" && install -d -m 750 -o "$user" -g postfix "${socket%/*}"; } ||
     fail "cannot prepare ${socket%/*}"
   rm -f "$socket"
-  umask 000
   { startQuietly "$@" && waitFor 10 test -S "$socket" && waitFor 10 milterRuns "$name" "$socket"; } ||
     fail "$name does not start: $(reason "$said")"
-  umask 022
 }
+
+# open COMMAND...: what it makes is open to all. The other milter has a setting for its socket.
+open() { (umask 000 && exec "$@"); }
 
 # What it could not show to spamd, because that one was just being replaced, it
 # shows again. Mail of authenticated senders is not judged.
 startSpamMilter() {
   ! milterRuns "${spam[@]}" || return 0
   needs spamass-milter "the milter of SpamAssassin"
-  launch "${spam[@]}" setpriv --reuid "$SPAM_CLIENT" --regid "$SPAM_CLIENT" --clear-groups \
+  launch "${spam[@]}" open setpriv --reuid "$SPAM_CLIENT" --regid "$SPAM_CLIENT" --clear-groups \
     spamass-milter -f -p "$SPAM_MILTER" -P "${SPAM_MILTER%.sock}.pid" -I -- \
     -U "$SPAMD_SOCKET" --filter-retries 3
 }

@@ -15,6 +15,13 @@ for _ in {1..20}; do
   (cd "$WORLD" && zip -q deep.zip inner.zip) || die "cannot pack"
 done
 
+(cd "$WORLD" && zip -q -P secret locked.zip virus) || die "cannot pack"
+# more members than the scanner looks at
+python3 -c 'import sys, zipfile
+with zipfile.ZipFile(sys.argv[1], "w") as archive:
+    for number in range(10001):
+        archive.writestr(str(number), str(number))' "$WORLD/many.zip" || die "cannot pack"
+
 # answered CODE SEND-OPTION...: mail to alice is answered so.
 answered() {
   local code=$1
@@ -62,12 +69,20 @@ expect "$scanner" status
 expect "$SCRIPTS/check-install.sh"
 passes
 
-step "infected mail is refused: as text, attached, packed, packed too deep to look"
+step "its milter makes files as its settings say; only the spam filter's makes them open to all"
+mask=$(awk '$1 == "Umask:" { print $2 }' "/proc/$(</run/postwell/clamav-milter/milter.pid)/status")
+expect equal "$mask" 0022
+expect equal "$(stat -c '%a' /run/postwell/clamav-milter/milter.sock)" 666
+passes
+
+step "infected mail is refused: as text, attached, packed, packed too deep or too much to look"
 answered 550 --body "$EICAR"
 expect contains "$out" '550 5.7.1 Blocked by the virus scanner: Eicar-Test-Signature'
 answered 550 "${attached[@]}" "@$WORLD/virus"
 answered 550 "${attached[@]}" "@$WORLD/virus.zip"
 answered 550 "${attached[@]}" "@$WORLD/deep.zip"
+answered 550 "${attached[@]}" "@$WORLD/many.zip"
+expect contains "$out" 'Heuristics.Limits.Exceeded.MaxFiles'
 refute send --to "alice@$DOMAIN" --body "$EICAR" --auth PLAIN --auth-user alice --auth-password pw-alice
 expect contains "$out" '550 5.7.1 Blocked'
 
@@ -117,10 +132,49 @@ echo 'NoSuchOption yes' >>"$ADDITIONS/clamd.conf"
 refused "with the additions in $ADDITIONS/clamd.conf: " "$SCRIPTS/DaemonConfSet.sh" mailscanner
 expect contains "$err" NoSuchOption
 expect equal "$(<"$T/etc/clamav/clamd.conf")" "$before"
-echo 'MaxThreads 2' >"$ADDITIONS/clamd.conf"
+printf 'MaxThreads 2' >"$ADDITIONS/clamd.conf"  # and no end of the line
 expect "$SCRIPTS/DaemonConfSet.sh" mailscanner
 expect "$antivirus" restart
 expect equal "$(clamconf -n -c "$T/etc/clamav" | grep MaxThreads)" 'MaxThreads = "2"'
+expect grep -qx 'DatabaseDirectory /var/lib/clamav' "$T/etc/clamav/clamd.conf"
+passes
+
+step "an archive with a password passes, unless the administrator wants otherwise"
+answered 250 "${attached[@]}" "@$WORLD/locked.zip"
+echo 'AlertEncryptedArchive yes' >"$ADDITIONS/clamd.conf"
+expect "$SCRIPTS/DaemonConfSet.sh" mailscanner
+expect "$antivirus" restart
+passes
+answered 550 "${attached[@]}" "@$WORLD/locked.zip"
+
+step "what takes too long to examine is refused"
+echo 'MaxScanTime 1' >"$ADDITIONS/clamd.conf"
+expect "$SCRIPTS/DaemonConfSet.sh" mailscanner
+expect "$antivirus" restart
+answered 550 "${attached[@]}" "@$WORLD/many.zip"
+expect contains "$out" 'Heuristics.Limits.Exceeded.MaxScanTime'
+: >"$ADDITIONS/clamd.conf"
+expect "$SCRIPTS/DaemonConfSet.sh" mailscanner
+
+step "one that does not answer in time is stopped before that is told"
+expect "$antivirus" stop
+expect "$antivirus" reload  # there is none, which is no failure
+printf '#!/bin/sh\nexit 1\n' >/usr/local/sbin/clamdscan
+expect chmod 755 /usr/local/sbin/clamdscan
+run faketime -f '+0 x100' "$antivirus" start
+expect equal "$status" 1
+expect contains "$err" 'the virus scanner does not start: '
+expect equal "$(pgrep -c '^clamd$')" 0
+expect rm /usr/local/sbin/clamdscan
+expect "$antivirus" start
+
+step "wrong arguments"
+for arguments in '' 'start now' begin; do
+  # shellcheck disable=SC2086  # none, one or two
+  run "$antivirus" $arguments
+  expect equal "$status" 2
+  expect contains "$err" 'usage: kest_anti-virus start|stop|restart|reload|status'
+done
 passes
 
 step "its log goes on in a new file"
