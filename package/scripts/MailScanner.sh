@@ -45,8 +45,12 @@ launch() {
     fail "cannot prepare ${socket%/*}"
   rm -f "$socket"
   { startQuietly "$@" && waitFor 10 test -S "$socket" && waitFor 10 milterRuns "$name" "$socket"; } ||
-    fail "$name does not start: $(reason "$said")"
+    fail "$name does not start: $(reason "${said:-the system log tells why}")"
 }
+
+# detached COMMAND...: for a daemon in the foreground. The milter of ClamAV may wait for itself
+# for ever when it goes to the background: its signal to go on may come too early.
+detached() { setsid "$@" >/dev/null 2>&1 & }
 
 # open COMMAND...: what it makes is open to all. The other milter has a setting for its socket.
 open() { (umask 000 && exec "$@"); }
@@ -69,7 +73,7 @@ startVirusMilter() {
   rm -rf "$STATE/clamav-milter"
   { install -d -m 755 "$STATE" && install -d -m 700 -o "$VIRUS_USER" "$STATE/clamav-milter"; } ||
     fail "cannot prepare $STATE/clamav-milter"
-  launch "${virus[@]}" clamav-milter -c "$VIRUS/clamav-milter.conf"
+  launch "${virus[@]}" detached clamav-milter --foreground -c "$VIRUS/clamav-milter.conf"
 }
 
 start() {
