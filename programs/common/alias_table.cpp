@@ -93,7 +93,7 @@ std::string aliasNameProblem(const std::string &name) {
 
 bool isLocalPart(const std::string &text) {
   return !text.empty() && text.size() <= kLongestLocalPart &&
-         std::strchr("|/-.", text.front()) == nullptr && text.back() != '.' &&
+         std::strchr("|/~-.", text.front()) == nullptr && text.back() != '.' &&
          isMadeOf(text, kAtomSpecials) && text.find("..") == std::string::npos;
 }
 

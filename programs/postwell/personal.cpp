@@ -6,14 +6,15 @@
 // as the mail's sender gets it: the library leaves out blank lines and those that begin
 // with "#", and saving what it read would lose them.
 
+#include <fcntl.h>
 #include <personal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -29,6 +30,7 @@
 namespace {
 
 constexpr size_t kLongestText = 65536;
+constexpr size_t kLargestFile = 1 << 20;
 
 Failure unreadable(const Personal &personal, const SMTP &smtp) {
   const std::string user = inQuotes(personal.getUser());
@@ -45,10 +47,38 @@ Failure unreadable(const Personal &personal, const SMTP &smtp) {
               "read;\nthe system log tells which"};
 }
 
+// The beginning of a file, which its owner may have replaced by anything: nothing is
+// waited for, and no more is read than asked for. Nothing when it is no file.
+std::optional<std::string> readFile(const std::string &path, size_t limit) {
+  const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (file < 0) return std::nullopt;
+  struct stat status {};
+  const std::unique_ptr<std::FILE, int (*)(std::FILE *)> stream(fdopen(file, "r"),
+                                                                fclose);
+  if (stream == nullptr || fstat(file, &status) != 0 || !S_ISREG(status.st_mode))
+    return std::nullopt;
+  std::string text(limit, '\0');
+  text.resize(fread(text.data(), 1, text.size(), stream.get()));
+  return ferror(stream.get()) == 0 ? std::optional<std::string>(text) : std::nullopt;
+}
+
+// The library reads a file whole, however large.
+void refuseLargeFiles(const std::string &user) {
+  for (const char *name : {"/.forward", "/.vacation.msg"}) {
+    struct stat status {};
+    const std::string path = homeOf(user) + name;
+    if (stat(path.c_str(), &status) == 0 &&
+        status.st_size > static_cast<off_t>(kLargestFile))
+      throw Failure(kFailed, inQuotes(path) +
+                                 " is larger than 1 MB; it cannot be one "
+                                 "that was made here");
+  }
+}
+
 // The lines of the reply behind its subject.
 std::string storedText(const std::string &home) {
   constexpr char kSubject[] = "Subject:";
-  std::ifstream file(home + "/.vacation.msg");
+  std::istringstream file(readFile(home + "/.vacation.msg", kLargestFile).value_or(""));
   std::string text;
   bool found = false;
   for (std::string line; std::getline(file, line);) {
@@ -87,6 +117,7 @@ Values describe(const Personal &personal) {
 
 Values readValues(const std::string &user) {
   becomeUser(user);
+  refuseLargeFiles(user);
   Personal personal(user);
   complete(personal, X_OK);
   return describe(personal);
@@ -116,15 +147,23 @@ std::string textProblem(const std::string &text) {
   return "";
 }
 
-// "-": standard input.
+std::optional<std::string> readInput(size_t limit) {
+  std::string text(limit, '\0');
+  text.resize(fread(text.data(), 1, text.size(), stdin));
+  return ferror(stdin) == 0 ? std::optional<std::string>(text) : std::nullopt;
+}
+
+// "-": standard input. A file is read with the user's rights: it may lie in his home and
+// be a link to one that he may not read.
 std::string readText(const std::string &name) {
-  const std::unique_ptr<std::FILE, int (*)(std::FILE *)> file(
-      name == "-" ? fdopen(dup(STDIN_FILENO), "r") : fopen(name.c_str(), "re"), fclose);
-  std::string text(kLongestText + 1, '\0');
-  if (file != nullptr) text.resize(fread(text.data(), 1, text.size(), file.get()));
-  if (file == nullptr || ferror(file.get()) != 0)
-    throw Failure(kFailed, "cannot read the reply from " + inQuotes(name));
-  text = normal(text);
+  constexpr size_t kEnough = kLongestText + 1;
+  const std::optional<std::string> read =
+      name == "-" ? readInput(kEnough) : readFile(name, kEnough);
+  if (!read)
+    throw Failure(kFailed, "cannot read the reply from " + inQuotes(name) +
+                               " with the user's rights;\ngive another file with "
+                               "\"--reply-file - <FILE\"");
+  const std::string text = normal(*read);
   const std::string problem = textProblem(text);
   if (!problem.empty()) throw Failure(kWrongUsage, "the text of the reply " + problem);
   return text;
@@ -200,11 +239,12 @@ struct SetOptions {
 };
 
 void runSet(const SetCommand<Personal> &set, const SetOptions &options) {
-  std::optional<std::string> text;  // read with the caller's rights
-  if (options.replyFile->count() > 0)
-    text = readText(options.replyFile->as<std::string>());
   const auto user = options.user->as<std::string>();
   becomeUser(user);
+  std::optional<std::string> text;
+  if (options.replyFile->count() > 0)
+    text = readText(options.replyFile->as<std::string>());
+  refuseLargeFiles(user);
   Personal personal(user);
   complete(personal, W_OK | X_OK);
   if (!personal.isEnabledReply()) replyWith(personal, "");  // a file may have been left

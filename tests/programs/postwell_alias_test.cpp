@@ -253,7 +253,7 @@ TEST_F(PostwellAlias, MembersThatAreRefused) {
     words.insert(words.end(), member.begin(), member.end());
     expectRefused(words, 2, message + kUnchanged);
   }
-  for (const char *address : {"", "amy", "|cmd", "a@b, |cmd", "a@b\n", "/x@b"})
+  for (const char *address : {"", "amy", "|cmd", "a@b, |cmd", "a@b\n", "/x@b", "~/x@b"})
     expectRefused({"add", "team", "--address", address}, 2,
                   "--address: must be a mail address such as bob@example.org, not \"");
 }

@@ -218,13 +218,24 @@ TEST_F(PostwellPersonal, FilesAreTheUsersAlone) {
   }
 }
 
-TEST_F(PostwellPersonal, TheTextIsReadWithTheCallersRights) {
-  writeFile("/tmp/reply", "Back soon.\n", 0600);
+TEST_F(PostwellPersonal, TheTextIsReadWithTheUsersRights) {
+  writeFile("/tmp/reply", "Back soon.\n", 0644);
   expectDone({"--reply-subject", "Away", "--reply-file", "/tmp/reply"},
              "Mail for amy stays in the mailbox; vacation reply on.\n");
   EXPECT_EQ(hers(kReply), "From:\"amy\"\nSubject:Away\nBack soon.\n");
-  for (const char *name : {"/tmp/missing\x1b", "/tmp"})
+  ASSERT_EQ(chmod("/tmp/reply", 0), 0);
+  ASSERT_EQ(mkfifo("/tmp/pipe", 0666), 0);
+  for (const char *name : {"/tmp/missing\x1b", "/tmp", "/tmp/reply", "/tmp/pipe"})
     expectRefused(set({"--reply-file", name}), 1, "cannot read the reply from \"/tmp");
+}
+
+TEST_F(PostwellPersonal, FilesTooLargeForMemoryAreNotRead) {
+  for (const char *path : {kForward, kReply}) {
+    sheWrites(path, std::string((1 << 20) + 1, '\n'));
+    for (const Outcome &outcome : {show(), set({"--off"})})
+      expectRefused(outcome, 1, '"' + std::string(path) + "\" is larger than 1 MB");
+    sheWrites(path, "");
+  }
 }
 
 TEST_F(PostwellPersonal, OnlyOneMailAddressIsTakenForForwarding) {
@@ -252,6 +263,7 @@ TEST_F(PostwellPersonal, OnlyOneMailAddressIsTakenForForwarding) {
                               "a@",
                               "@x.example",
                               "/a@x.example",
+                              "~/a@x.example",
                               "|a@x.example",
                               "x/bin/vacation@x.example",
                               "a@b@x.example"})

@@ -125,8 +125,8 @@ hostile='$(touch /tmp/owned) `touch /tmp/owned` |touch /tmp/owned; "'\''\ $SUBJE
 mail "gus@$DOMAIN" --h-Subject "$hostile"
 waitFor foundOnce gus "$away"
 expect inMailbox gus "You wrote: \$(touch /tmp/owned) "
-for sender in "\"|touch /tmp/owned\"@$DOMAIN" \
-  "\$(touch /tmp/owned)@$DOMAIN" "'x@$DOMAIN" "\"a b\"@$DOMAIN"; do
+for sender in "\"|touch /tmp/owned\"@$DOMAIN" "\"/tmp/owned\"@$DOMAIN" \
+  "\"> carol@$DOMAIN\"@elsewhere.example" "\$(touch /tmp/owned)@$DOMAIN" "'x@$DOMAIN"; do
   mail "$sender"
   waitFor foundOnce alice "$word"
 done
