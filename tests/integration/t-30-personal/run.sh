@@ -97,7 +97,7 @@ expect foundOnce bob "$away"
 expect foundOnce carol "$away"
 
 step "a mail waits while another is being answered"
-exec {answering}<"$home"
+exec {answering}<"$home/.vacation.msg"
 expect flock "$answering"
 before=$(answered)
 mail "frank@$DOMAIN"
