@@ -163,7 +163,7 @@ std::string readText(const std::string &name) {
     throw Failure(kFailed, "cannot read the reply from " + inQuotes(name) +
                                " with the user's rights;\ngive another file with "
                                "\"--reply-file - <FILE\"");
-  const std::string text = normal(*read);
+  std::string text = normal(*read);
   const std::string problem = textProblem(text);
   if (!problem.empty()) throw Failure(kWrongUsage, "the text of the reply " + problem);
   return text;
