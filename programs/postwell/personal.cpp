@@ -161,8 +161,8 @@ std::string readText(const std::string &name) {
       name == "-" ? readInput(kEnough) : readFile(name, kEnough);
   if (!read)
     throw Failure(kFailed, "cannot read the reply from " + inQuotes(name) +
-                               " with the user's rights;\ngive another file with "
-                               "\"--reply-file - <FILE\"");
+                               " with the user's rights;\none that only you can "
+                               "read is given as \"--reply-file - <FILE\"");
   std::string text = normal(*read);
   const std::string problem = textProblem(text);
   if (!problem.empty()) throw Failure(kWrongUsage, "the text of the reply " + problem);

@@ -120,6 +120,7 @@ TEST_F(Usage, WrongUsageIsStatus2) {
   expectRefused({"smtp"}, "name one of: show, set");
   expectRefused({"mail", "show"},
                 "\"mail\" is none of: smtp, relay, protocol, alias, domain");
+  expectRefused({"show", "spam"}, "\"show\" is none of: smtp, relay, protocol, alias");
   expectRefused({"smtp", "shwo"}, "\"shwo\" is none of: show, set\n");
   expectRefused({"smtp", "show", "set", "--port", "26"}, "set");
   expectRefused({"smtp", "set", "--prot", "26"}, "\"--prot\" is no option here\n");

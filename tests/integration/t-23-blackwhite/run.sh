@@ -47,7 +47,7 @@ marked spam --from innocent@elsewhere.example --h-From bad@one.example
 
 step "a name is in one list only: from the black one they go to the white one"
 run postwell whitelist add sender "${rules[@]}"
-expect contains "$err" 'The sender domain "Three.example" was in the other list.'
+expect contains "$err" 'The sender domain "three.example" was in the other list.'
 expect equal "$(postwell blacklist list)" ""
 step "whitelisted senders"
 senders ham "${bargain[@]}"
