@@ -52,6 +52,16 @@ run() {
 }
 
 contains() { [[ $1 == *"$2"* ]]; }
+gone() { ! kill -0 "$1"; }
+
+# killed PIDFILE: the process named there is killed, and has ended.
+killed() {
+  local pid
+  pid=$(<"$1")
+  expect kill -KILL "$pid"
+  waitFor gone "$pid"
+}
+
 # equal GOT EXPECTED
 equal() { [[ $1 == "$2" ]] || { diff <(echo "got: $1") <(echo "expected: $2") && false; }; }
 

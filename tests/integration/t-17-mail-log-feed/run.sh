@@ -28,7 +28,6 @@ startFeed() {
     "$T/bin/mailfeed" --background --pid-file "$pidFile"
 }
 feedPid() { cat "$pidFile"; }
-gone() { ! kill -0 "$1"; }
 
 # rowLike PATTERN, rowCount PATTERN: rows that have come so far.
 rowLike() { grep -qE -- "$1" "$rows"; }
