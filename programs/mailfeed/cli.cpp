@@ -12,7 +12,6 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
-#include <csignal>
 #include <filesystem>
 #include <iostream>
 #include <stdexcept>
@@ -75,21 +74,31 @@ void define(CLI::App &app, Options *options) {
 }
 
 // The parent ends here, once the daemon's number is in the pid file; so the file is there
-// as soon as the command has returned.
+// as soon as the command has returned, and the daemon reads nothing before.
 void goToBackground(const std::string &pidFile) {
+  int pipe[2];
+  if (pipe2(pipe, O_CLOEXEC) != 0)
+    throw std::runtime_error(because("cannot fork", errno));
+  const Descriptor start(pipe[0]);
+  Descriptor starter(pipe[1]);
   const pid_t child = fork();
   if (child < 0) throw std::runtime_error(because("cannot fork", errno));
   if (child > 0) {
-    const std::string failure =
+    std::string failure =
         pidFile.empty() ? ""
                         : replaceFile(pidFile, std::to_string(child) + '\n', 0644, false);
+    if (failure.empty() && write(starter.get(), "", 1) != 1)
+      failure = because("cannot start the daemon", errno);
     if (!failure.empty()) {
       std::cerr << "mailfeed: " << failure << '\n';
-      kill(child, SIGKILL);  // it has sent nothing yet, or sends it again
+      starter = Descriptor();  // it will never be started
       waitpid(child, nullptr, 0);
     }
     _exit(failure.empty() ? kDone : kFailed);
   }
+  starter = Descriptor();
+  char started;
+  if (read(start.get(), &started, 1) != 1) _exit(kFailed);
   setsid();
   const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
