@@ -65,6 +65,7 @@ start() {
   if running; then return; fi
   [[ -e $SPAM/local.cf && -e $SPAM_LISTS ]] || "$here/DaemonConfSet.sh" spam || exit 1
   prepareSpamFolders
+  stop  # what a reload that was killed has left
   launch a
   takePlace a
   [[ ! -e $asked ]] || reload
@@ -83,6 +84,7 @@ reload() {
   prepareSpamFolders
   old=$(inService)
   if [[ $old == a ]]; then new=b; fi
+  stopDaemon "$RUN/spamd/$new.pid" spamd  # left by a reload that was killed
   launch "$new"
   takePlace "$new"
   stopDaemon "$RUN/spamd/$old.pid" spamd

@@ -280,6 +280,15 @@ stopDaemon() {
 # listening PORT: something on this machine accepts connections there.
 listening() { [[ -n $(ss -Hltn "sport = :$1") ]]; }
 
+# toTheEnd ARGUMENT...: the script goes on in a session of its own, where no signal for its
+# caller's process group ends it or a daemon that it is starting: half a change would leave
+# a daemon that nobody knows.
+toTheEnd() {
+  local pid session
+  read -r pid _ _ _ _ session _ </proc/self/stat
+  [[ $pid == "$session" ]] || exec setsid --wait "$0" "$@"
+}
+
 # serviceVerb NAME VERB: what a service script does with its argument, by its functions
 # start, stop, running and, where the daemon can, reload; one at a time under the lock
 # NAME. A start makes a configuration only while nothing runs: what makes it has a running
@@ -289,6 +298,7 @@ serviceVerb() {
   shift
   if declare -F reload >/dev/null; then verbs='start|stop|restart|reload|status'; fi
   [[ $# -eq 1 ]] || usage "$verbs"
+  [[ $1 == status ]] || toTheEnd "$1"
   case $1 in
     start | stop)
       lock "$name"

@@ -134,6 +134,39 @@ while kill -0 "$restart" 2>/dev/null; do expect sendFromLan --to "alice@$DOMAIN"
 expect wait "$restart"
 marked spam "${gtube[@]}"
 
+step "a reload or restart that is interrupted is carried out all the same"
+masters() { pgrep -c -P 1 '^spamd'; }
+changing() { pgrep -f 'spamd -d' || [[ $(masters) != 1 ]]; }
+atRest() { flock -n /run/postwell/spam.lock true && "$SCRIPTS/SpamDaemon.sh" status && [[ $(masters) == 1 ]]; }
+set -m  # each in a process group of its own
+for verb in reload restart; do
+  "$SCRIPTS/SpamDaemon.sh" "$verb" &
+  waitFor changing >/dev/null
+  expect kill -TERM -- "-$!"
+  wait "$!"
+  waitFor atRest
+  marked spam "${gtube[@]}"
+done
+set +m
+
+step "a second spamd, left by a reload that was killed, is stopped by the next"
+leftOver() {
+  local name=a
+  if [[ $(readlink /run/postwell/spamd/spamd.pid) == a.pid ]]; then name=b; fi
+  expect spamd -d -L -x -u debian-spamd --siteconfigpath="$active" -s /dev/null \
+    -r "/run/postwell/spamd/$name.pid" --socketpath="/run/postwell/spamd/$name.sock"
+  expect equal "$(masters)" 2
+}
+for verb in reload restart; do
+  leftOver
+  expect "$SCRIPTS/SpamDaemon.sh" "$verb"
+  expect atRest
+done
+leftOver
+killed /run/postwell/spamd/spamd.pid
+expect "$SCRIPTS/SpamDaemon.sh" start
+expect atRest
+
 step "switched off, a configuration that is bad is told, and keeps nothing else from being set"
 before=$(<"$active/local.cf")
 echo 'no such option' >"$active/broken.cf"
