@@ -110,10 +110,10 @@ TEST_F(Completion, OffersTheWordsThatAVerbTakesInTheirOrder) {
 TEST_F(Completion, OddWordsAreNeitherExpandedNorRun) {
   for (const std::string word :
        {"$(touch /tmp/run)", "`touch /tmp/run`", ";touch /tmp/run",
-        "a[$(touch /tmp/run)]", "*", "]", "'", "\\", "--", "=", "a b"}) {
-    EXPECT_EQ(offered({word, "set", "--smtps", "y"}), Words{}) << word;
-    EXPECT_EQ(offered({"smtp", "set", word, "--lan"}), Words{"--lan-exempt"}) << word;
-    EXPECT_EQ(offered({"access", "add", "sender", word + "?"}), Words{}) << word;
+        "a[$(touch /tmp/run)]", "*", "]", "'", "\\", "=", "a b"}) {
+    EXPECT_EQ(offered({word, "sm"}), Words{}) << word;
+    EXPECT_EQ(offered({word, "--ver"}), Words{"--version"}) << word;
+    EXPECT_EQ(offered({word + "?"}), Words{}) << word;
   }
   EXPECT_FALSE(fileExists("/tmp/run"));
 }
