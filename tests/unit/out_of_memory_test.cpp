@@ -352,6 +352,7 @@ TEST_F(OutOfMemoryTest, SpamListsAreStoredAndReadOrFailAndNeverThrow) {
   EXPECT_GT(sweep(make), 5);
   ASSERT_NE(spam, nullptr);
   const std::vector<std::string> tries = logged();
+  EXPECT_EQ(tries.front(), "spam.cpp: out of memory");  // for the instance itself
   EXPECT_GT(std::count(tries.begin(), tries.end(), "spam.cpp: db init fail"), 0);
   std::list<BlackWhite> three;
   for (const char *name : {"a", "b", "c"})

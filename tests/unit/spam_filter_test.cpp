@@ -317,6 +317,11 @@ TEST_F(DNSBLTest, AServerTwiceInARowIsWrittenOnceAndFurtherDownAgain) {
   EXPECT_EQ(dnsbl.getDNSBList().size(), 4u);  // the list itself stays
 }
 
+TEST_F(DNSBLTest, AServerAddedTwiceInARowIsWrittenOnceAndLaterAgain) {
+  for (const char *name : {"a", "a", "b", "a"}) dnsbl.addDNSBList({rbl(name)});
+  EXPECT_EQ(applied(dnsbl.getDNSBList()), "[RBL server]\na\nb\na\n[RHSBL server]\n");
+}
+
 TEST_F(DNSBLTest, ServersOfAnotherTypeAreNotWritten) {
   EXPECT_EQ(applied({{"x", static_cast<DNSBType>(2)}, rbl("a")}),
             "[RBL server]\na\n[RHSBL server]\n");
