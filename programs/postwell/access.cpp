@@ -22,6 +22,10 @@ const std::array<std::string, 3> kHelps = {
     "An account, in every local domain", "A mail address; of a client, its IP address",
     "A domain with its subdomains; of a client, also its host name"};
 
+constexpr char kClientExample[] =
+    "192.0.2.1, 2001:db8::7, mail.example.org, example.org or, for all\n"
+    "of 192.0.2.0/24, 192.0.2";
+
 const std::vector<std::string> kActions = {"permit", "reject", "discard"};
 
 std::string wordFor(AccessStatus status) {
@@ -55,6 +59,10 @@ bool isSameKind(const AccessInfo &one, const AccessInfo &other) {
   return one.type == other.type && one.nameType == other.nameType;
 }
 
+bool isEqual(const AccessInfo &one, const AccessInfo &other) {
+  return isSameKind(one, other) && one.status == other.status;
+}
+
 StoredRules<AccessInfo> stored() { return {readAccessRules(), isSameKind}; }
 
 std::string described(const AccessInfo &rule) {
@@ -67,22 +75,25 @@ void publish() {
     throw saveFailed(true, "run \"/var/packages/Postwell/target/bin/kest_access_map\"");
 }
 
-void store(Rules rules) {
+// Returns those that were there before.
+Rules store(Rules rules) {
   Access &access = instance();
-  stored().spell(&rules);  // ends here when the file is damaged
+  const StoredRules<AccessInfo> before = stored();  // ends here when the file is damaged
+  before.spell(&rules);
   if (access.setAccess(rules) != 0) throw rulesNotChanged();
   publish();
+  return before.holding(rules, isEqual);
 }
 
 void add(const Rules &rules) {
   for (const AccessInfo &rule : rules) {
     const std::string problem = accessRuleProblem(rule);
     if (!problem.empty())
-      throw Failure(kWrongUsage, inQuotes(rule.name) + " is refused: " + problem +
-                                     "; nothing was changed");
+      throw ruleRefused(
+          rule.name, problem,
+          rule.type == TYPE_CLIENT ? kClientExample : nameKindExample(rule.nameType));
   }
-  store(rules);
-  std::cout << counted(rules.size(), "rule") << " stored; Postfix follows.\n";
+  confirmAdded(rules.size(), store(rules), described, "Postfix");
 }
 
 void remove(const Rules &wanted) {
@@ -143,6 +154,7 @@ void addAccess(CLI::App &app) {
   const auto added = addNames(*adding, kHelps);
   const auto type = addWord(*adding, "TYPE", rules.types, "What the rules look at");
   const auto action = addWord(*adding, "ACTION", kActions, "What happens to the mail");
+  setExample(*adding, "postwell access add sender reject --domain spammer.example");
   adding->callback([added, type, action] {
     const AccessStatus status = Access::StrToStatus(action().c_str());
     add(rulesOf(added(), type(), status));
@@ -152,6 +164,7 @@ void addAccess(CLI::App &app) {
   const auto removed = addNames(*removal, kHelps);
   const auto removedType =
       addWord(*removal, "TYPE", rules.types, "What the rules look at");
+  setExample(*removal, "postwell access remove sender --domain spammer.example");
   removal->callback([removed, removedType] {
     remove(rulesOf(removed(), removedType(), ACCESS_UNKNOW));
   });

@@ -22,6 +22,7 @@
 #include "common/alias_table.h"
 #include "common/text.h"
 #include "nouns.h"
+#include "readable.h"
 
 namespace {
 
@@ -60,7 +61,7 @@ AliasTable readAll() {
   Alias file;
   AliasTable aliases;
   const std::string problem = readAliases(file, &aliases);
-  if (!problem.empty()) throw Failure(kFailed, problem);
+  if (!problem.empty()) throw Failure(kFailed, problem + ".\nRun as root.");
   return aliases;
 }
 
@@ -183,15 +184,16 @@ void printMembers(const Values &alias, const char *separator) {
   const char *before = "";
   for (const Values &member : alias["members"]) {
     std::cout << before << member["kind"].get<std::string>() << ' '
-              << printable(member["name"].get<std::string>());
+              << readable(member["name"].get<std::string>());
     before = separator;
   }
   std::cout << '\n';
 }
 
 void printAll(const Values &all) {
+  if (all.empty()) tell("there is no alias.");
   for (const Values &alias : all) {
-    std::cout << printable(alias["name"].get<std::string>()) << ": ";
+    std::cout << readable(alias["name"].get<std::string>()) << ": ";
     printMembers(alias, ", ");
   }
 }
@@ -365,6 +367,7 @@ void addAlias(CLI::App &app) {
   addMemberVerb(noun, "add", "Add members to an alias, which is made if need be", true,
                 add)
       ->transform(aliasName().validator);
+  setExample(*noun.get_subcommand("add"), "postwell alias add sales --user bob");
   addMemberVerb(noun, "remove", "Remove members from an alias", false, remove);
 
   CLI::App *const renaming = noun.add_subcommand("rename", "Rename an alias");

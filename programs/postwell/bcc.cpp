@@ -13,6 +13,7 @@
 #include "common/bcc_map.h"
 #include "common/text.h"
 #include "nouns.h"
+#include "readable.h"
 #include "rule_list.h"
 
 namespace {
@@ -61,10 +62,16 @@ std::string described(const BccInfo &rule) {
   throw saveFailed(true, "run \"/var/packages/Postwell/target/bin/kest_bcc_map\"");
 }
 
-void store(Rules rules) {
+bool isEqual(const BccInfo &one, const BccInfo &other) {
+  return isSameType(one, other) && one.bccTo == other.bccTo;
+}
+
+// Returns those that were there before.
+Rules store(Rules rules) {
   BCC &bcc = instance();
-  storedRules().spell(&rules);  // ends here when the file is damaged
-  if (bcc.setBCC(rules) == 0) return;
+  const StoredRules<BccInfo> before = storedRules();  // ends here when it is damaged
+  before.spell(&rules);
+  if (bcc.setBCC(rules) == 0) return before.holding(rules, isEqual);
   const std::deque<BccInfo> stored = readBccRules();
   tellFailure(std::all_of(rules.begin(), rules.end(), [&stored](const BccInfo &rule) {
     return isStored(stored, rule, true);
@@ -73,11 +80,8 @@ void store(Rules rules) {
 
 void add(const BccInfo &rule) {
   const std::string problem = bccRuleProblem(rule);
-  if (!problem.empty())
-    throw Failure(kWrongUsage, inQuotes(rule.name) + " is refused: " + problem +
-                                   "; nothing was changed");
-  store({rule});
-  std::cout << "1 rule stored; Postfix follows.\n";
+  if (!problem.empty()) throw ruleRefused(rule.name, problem, "bob or bob@example.org");
+  confirmAdded(1, store({rule}), described, "Postfix");
 }
 
 void remove(const std::string &type, const std::vector<std::string> &names) {
@@ -111,7 +115,7 @@ void setAlways(const std::string &target) {
 
 void printAlways(const Values &values) {
   const auto &target = values["target"].get_ref<const std::string &>();
-  std::cout << (target.empty() ? "(none)" : printable(target)) << '\n';
+  std::cout << (target.empty() ? "(none)" : readable(target)) << '\n';
 }
 
 void addAlways(CLI::App &noun) {

@@ -21,6 +21,7 @@ int run(int argc, const char *const *argv) {
       "Postfix and Dovecot follow.",
       "postwell");
   app.set_version_flag("--version", "postwell " POSTWELL_VERSION);
+  app.option_defaults()->disable_flag_override();  // "--json=no" would be as "--json"
   requireSubcommand(app);
   app.failure_message([](const CLI::App *, const CLI::Error &error) {
     // The message may quote an argument.
@@ -44,6 +45,9 @@ int run(int argc, const char *const *argv) {
     app.parse(argc, argv);
   } catch (const CLI::ExtrasError &) {
     app.exit(unknownWords(app), std::cout, std::cerr);
+    return kWrongUsage;
+  } catch (const CLI::ArgumentMismatch &error) {
+    app.exit(wrongCount(error), std::cout, std::cerr);
     return kWrongUsage;
   } catch (const CLI::ParseError &error) {
     return app.exit(error, std::cout, std::cerr) == 0 ? kDone : kWrongUsage;

@@ -9,14 +9,16 @@
 #include <iostream>
 
 #include "common/text.h"
+#include "readable.h"
 
 namespace {
 
 std::string forTerminal(const Values &value) {
   if (value.is_boolean()) return value.get<bool>() ? "yes" : "no";
+  if (value.is_null()) return "unknown";
   if (!value.is_string()) return value.dump();
   const auto &text = value.get_ref<const std::string &>();
-  return text.empty() ? "(none)" : printable(text);
+  return text.empty() ? "(none)" : readable(text);
 }
 
 std::string subcommandNames(const CLI::App &command) {
@@ -56,15 +58,41 @@ Failure saveFailed(bool written, const std::string &remedy) {
             "Run as root; the system log tells which step failed."};
   return {kFailed,
           "the new settings are in the file, but the daemons may not follow them.\n"
-          "The system log, and lines above if there are any, tell which step failed;\n"
-          "correct the cause and\n" +
+          "Run as root. The system log, and lines above if there are any, tell which\n"
+          "step failed; correct the cause and\n" +
               remedy + "."};
 }
 
 std::string jsonLine(const Values &values) { return asJson(values, -1); }
 
+void tell(const std::string &text) { std::cerr << "postwell: " << text << '\n'; }
+
 CLI::ParseError wrongUsage(const std::string &text) {
   return {text, CLI::ExitCodes::RequiredError};
+}
+
+void setExample(CLI::App &command, const std::string &line) {
+  command.footer("Example: " + line);
+}
+
+std::string exampleOf(const CLI::App &command) {
+  const std::string example = command.get_footer();
+  return example.empty() ? "" : ". " + example;
+}
+
+// CLI11 tells by its text alone which option it is, and what is wrong:
+// "--port: 1 required NUMBER missing", "json was given a disallowed flag override".
+CLI::ParseError wrongCount(const CLI::ArgumentMismatch &error) {
+  static const std::string kBefore = " required ", kBehind = " missing";
+  const std::string text = error.what();
+  const std::string option = text.substr(0, text.find_first_of(": "));
+  if (text.find("override") != std::string::npos)
+    return wrongUsage("--" + option + " takes no value");
+  const size_t start = text.find(kBefore), end = text.rfind(kBehind);
+  if (start == std::string::npos || end == std::string::npos)
+    return wrongUsage(option + " may be given once only");
+  const size_t value = start + kBefore.size();
+  return wrongUsage(option + " needs a value: " + text.substr(value, end - value));
 }
 
 void requireSubcommand(CLI::App &command) {
@@ -85,7 +113,7 @@ CLI::ParseError unknownWords(const CLI::App &app) {
   const std::string problem = word.rfind('-', 0) == 0 ? "is no option here"
                               : names.empty()         ? "is one word too many"
                                                       : "is none of: " + names;
-  return wrongUsage(inQuotes(word) + ' ' + problem);
+  return wrongUsage(inQuotes(word) + ' ' + problem + exampleOf(*command));
 }
 
 CLI::App &addNoun(CLI::App &app, const std::string &name, const std::string &help) {
@@ -118,8 +146,9 @@ void printLines(const Values &values) {
     std::cout << std::left << std::setw(kColumn) << key << forTerminal(value) << '\n';
 }
 
-void addShow(CLI::App &noun, const std::function<Values()> &read) {
-  addReader(noun, "show", "Show the settings", read, printLines);
+void addShow(CLI::App &noun, const std::function<Values()> &read,
+             const std::function<void(const Values &)> &judge) {
+  addReader(noun, "show", "Show the settings", read, printLines, judge);
 }
 
 const char *onOff(bool flag) { return flag ? "on" : "off"; }

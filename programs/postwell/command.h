@@ -42,8 +42,22 @@ using Values = nlohmann::ordered_json;
 // One line of JSON in ASCII, whatever the strings hold.
 std::string jsonLine(const Values &values);
 
+// Writes the text, which is safe to print, behind the program's name on standard error:
+// what is said beside a result, which stays one.
+void tell(const std::string &text);
+
 // What CLI11 throws for a wrong command line.
 CLI::ParseError wrongUsage(const std::string &text);
+
+// Gives the command an example, which its help shows.
+void setExample(CLI::App &command, const std::string &line);
+
+// The command's example as the end of a message; empty for one without.
+std::string exampleOf(const CLI::App &command);
+
+// What is wrong with an option that was given no value, several, or one that it does not
+// take.
+CLI::ParseError wrongCount(const CLI::ArgumentMismatch &error);
 
 // A command line must name one of the subcommands. CLI11's own requirement would hide a
 // misspelt word behind "A subcommand is required".
@@ -56,14 +70,15 @@ CLI::ParseError unknownWords(const CLI::App &app);
 CLI::App &addNoun(CLI::App &app, const std::string &name, const std::string &help);
 
 // Adds a verb that takes "--json" and prints what `read` returns: as JSON, or for the
-// eye by `print`. Behind that, `judge` may fail for what was printed.
+// eye by `print`. Behind that, `judge` may fail for what was printed, or tell of it.
 CLI::App &addReader(CLI::App &noun, const std::string &verb, const std::string &help,
                     const std::function<Values()> &read,
                     const std::function<void(const Values &)> &print,
                     const std::function<void(const Values &)> &judge = nullptr);
 
 // Adds "show", which prints the settings that `read` returns, one a line.
-void addShow(CLI::App &noun, const std::function<Values()> &read);
+void addShow(CLI::App &noun, const std::function<Values()> &read,
+             const std::function<void(const Values &)> &judge = nullptr);
 
 // Prints the settings, one a line.
 void printLines(const Values &values);

@@ -33,6 +33,7 @@ Stored::const_iterator find(const Stored &stored, const std::string &name) {
 }
 
 void printNames(const Values &names) {
+  if (names.empty()) tell("there is no domain in the list.");
   for (const Values &name : names)
     std::cout << printable(name.get_ref<const std::string &>()) << '\n';
 }

@@ -11,7 +11,6 @@
 
 #include "command.h"
 #include "log_query.h"
-#include "log_state.h"
 #include "moment.h"
 
 namespace {

@@ -14,7 +14,7 @@
 #include <filesystem>
 #include <regex>
 
-#include "log_state.h"
+#include "command.h"
 
 namespace {
 

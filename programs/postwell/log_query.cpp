@@ -13,7 +13,6 @@
 
 #include "command.h"
 #include "common/text.h"
-#include "log_state.h"
 
 namespace {
 

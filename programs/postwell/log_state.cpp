@@ -4,7 +4,9 @@
 #include "log_state.h"
 
 #include <fstream>
-#include <iostream>
+#include <string>
+
+#include "command.h"
 
 namespace {
 
@@ -18,8 +20,6 @@ bool isRunning(const std::string &pidFile, const std::string &program) {
 }
 
 }  // namespace
-
-void tell(const std::string &text) { std::cerr << "postwell: " << text << '\n'; }
 
 bool tellDaemons() {
   const bool stores = isRunning("/run/postwell/maillogd.pid", "maillogd");

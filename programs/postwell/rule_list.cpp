@@ -15,6 +15,7 @@
 #include <memory>
 
 #include "common/text.h"
+#include "readable.h"
 
 namespace {
 
@@ -56,10 +57,11 @@ Values findPage(const RuleNoun &rules, const Page &page) {
 }
 
 void printPage(const Values &page) {
+  if (page["rules"].empty()) tell("there is no rule to show.");
   for (const Values &rule : page["rules"]) {
     const char *before = "";
     for (const Values &value : rule) {
-      std::cout << before << printable(value.get_ref<const std::string &>());
+      std::cout << before << readable(value.get_ref<const std::string &>());
       before = " ";
     }
     std::cout << '\n';
@@ -219,14 +221,21 @@ void addRuleExport(
   });
 }
 
-const std::array<NameKind, 3> kNameKinds = {{{NAME_ACCOUNT, "account", "--account"},
-                                             {NAME_ADDRESS, "address", "--address"},
-                                             {NAME_DOMAIN, "domain", "--domain"}}};
+const std::array<NameKind, 3> kNameKinds = {
+    {{NAME_ACCOUNT, "account", "--account", "bob"},
+     {NAME_ADDRESS, "address", "--address", "bob@example.org"},
+     {NAME_DOMAIN, "domain", "--domain", "example.org"}}};
 
 std::string nameKindWord(NameType type) {
   for (const NameKind &kind : kNameKinds)
     if (kind.type == type) return kind.word;
   return "unknown";  // the file may hold any number
+}
+
+std::string nameKindExample(NameType type) {
+  for (const NameKind &kind : kNameKinds)
+    if (kind.type == type) return kind.example;
+  return "";
 }
 
 std::function<Names()> addNames(CLI::App &command,
@@ -243,11 +252,18 @@ std::function<Names()> addNames(CLI::App &command,
         ->type_name("NAME")
         ->allow_extra_args(false);
   }
-  return [names] {
+  return [names, &command] {
     if (names->empty())
-      throw Failure(kWrongUsage, "name something with --account, --address or --domain");
+      throw Failure(kWrongUsage, "name something with --account, --address or --domain" +
+                                     exampleOf(command));
     return *names;
   };
+}
+
+Failure ruleRefused(const std::string &name, const std::string &problem,
+                    const std::string &example) {
+  return {kWrongUsage, inQuotes(name) + " is refused: " + problem +
+                           "; nothing was changed.\nIt must look like " + example + '.'};
 }
 
 Failure rulesUnavailable() {

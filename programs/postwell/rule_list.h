@@ -6,9 +6,11 @@
 
 #include <postwell.h>
 
+#include <algorithm>
 #include <array>
 #include <deque>
 #include <functional>
+#include <iostream>
 #include <list>
 #include <map>
 #include <string>
@@ -63,11 +65,15 @@ struct NameKind {
   NameType type;
   const char *word;
   const char *option;
+  const char *example;
 };
 extern const std::array<NameKind, 3> kNameKinds;
 
 // "account", "address" or "domain"; "unknown" for what else a table may hold.
 std::string nameKindWord(NameType type);
+
+// A name of that kind.
+std::string nameKindExample(NameType type);
 
 // The names of a command line, each with its kind.
 using Names = std::vector<std::pair<NameType, std::string>>;
@@ -76,6 +82,10 @@ using Names = std::vector<std::pair<NameType, std::string>>;
 // in this order. At least one must be given; asking for them ends the command otherwise.
 std::function<Names()> addNames(CLI::App &command,
                                 const std::array<std::string, 3> &helps);
+
+// A name that no rule can have, and why; how one is written.
+Failure ruleRefused(const std::string &name, const std::string &problem,
+                    const std::string &example);
 
 // The rules cannot be opened; they could not be changed; there is no such one.
 Failure rulesUnavailable();
@@ -106,6 +116,20 @@ class StoredRules {
     }
   }
 
+  // Those of the rules, named as they are to be stored, that are there already; `isEqual`
+  // compares all but the names.
+  std::list<Rule> holding(const std::list<Rule> &rules, Same isEqual) const {
+    std::list<Rule> held;
+    for (const Rule &rule : rules) {
+      const std::list<Rule> found = like(rule);
+      if (std::any_of(found.begin(), found.end(), [&](const Rule &other) {
+            return other.name == rule.name && isEqual(other, rule);
+          }))
+        held.push_back(rule);
+    }
+    return held;
+  }
+
   // All that the wanted rules name. Fails where one names none.
   std::list<Rule> named(const std::list<Rule> &wanted, const std::string &noun,
                         std::string (*describe)(const Rule &)) const {
@@ -131,5 +155,16 @@ class StoredRules {
   Same isSame_;
   std::multimap<std::string, const Rule *> byName_;
 };
+
+// Says that so many rules were added, but for those that were there before.
+template <class Rule>
+void confirmAdded(size_t count, const std::list<Rule> &before,
+                  std::string (*describe)(const Rule &), const std::string &follower) {
+  for (const Rule &rule : before)
+    std::cout << "The rule for the " << describe(rule) << " is there already.\n";
+  if (count > before.size())
+    std::cout << counted(count - before.size(), "rule") << " stored; " << follower
+              << " follows.\n";
+}
 
 #endif  // POSTWELL_PROGRAMS_RULE_LIST_H_

@@ -78,10 +78,12 @@ void publish() {
                      "run \"/var/packages/Postwell/target/bin/kest_spam_blackwhite\"");
 }
 
-void store(Entries entries) {
+// Returns those that were there before.
+Entries store(Entries entries) {
   Spam &spam = instance();
   const std::deque<BlackWhite> before = readSpamEntries();  // fails when damaged
-  StoredRules<BlackWhite>(before, isSameKind).spell(&entries);
+  const StoredRules<BlackWhite> stored(before, isSameKind);
+  stored.spell(&entries);
   if (spam.addBlackWhiteList(entries) != 0) throw rulesNotChanged();
   for (const BlackWhite &entry : entries)
     for (const BlackWhite &old : before)
@@ -89,18 +91,16 @@ void store(Entries entries) {
           entry.blackWhite != old.blackWhite)
         std::cerr << "The " << described(entry) << " was in the other list.\n";
   publish();
+  return stored.holding(entries, isSameKindInList);
 }
 
 void add(const Entries &entries) {
   for (const BlackWhite &entry : entries) {
     const std::string problem = spamEntryProblem(entry);
     if (!problem.empty())
-      throw Failure(kWrongUsage, inQuotes(entry.name) + " is refused: " + problem +
-                                     "; nothing was changed");
+      throw ruleRefused(entry.name, problem, nameKindExample(entry.nameType));
   }
-  store(entries);
-  std::cout << counted(entries.size(), "rule") << " stored; " << kFollower
-            << " follows.\n";
+  confirmAdded(entries.size(), store(entries), described, kFollower);
 }
 
 void remove(const Entries &wanted, const List &list) {
@@ -153,6 +153,8 @@ void addVerb(CLI::App &noun, const std::string &verb, const std::string &help,
   CLI::App *const command = noun.add_subcommand(verb, help);
   const auto names = addNames(*command, kHelps);
   const auto type = addWord(*command, "TYPE", kTypes, "What the rules look at");
+  setExample(*command,
+             "postwell " + noun.get_name() + ' ' + verb + " sender --domain example.org");
   command->callback([names, type, list, run] { run(entriesOf(names(), type(), list)); });
 }
 

@@ -101,6 +101,7 @@ Values readAll() {
 }
 
 void printRules(const Values &rules) {
+  if (rules.empty()) tell("there is no rule file.");
   for (const Values &rule : rules)
     std::cout << (rule["enabled"] ? "on   " : "off  ")
               << printable(rule["name"].get_ref<const std::string &>()) << '\n';

@@ -133,9 +133,19 @@ TEST_F(PostwellAlias, List) {
 }
 
 TEST_F(PostwellAlias, ListOfNone) {
-  EXPECT_EQ(run({"list"}).out, "");
-  EXPECT_EQ(run({"list", "--json"}).out, "[]\n");
-  EXPECT_EQ(run({"list"}).status, 0);
+  const Outcome outcome = run({"list"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, "postwell: there is no alias.\n");
+  const Outcome json = run({"list", "--json"});
+  EXPECT_EQ(json.out, "[]\n");
+  EXPECT_EQ(json.err, "");
+}
+
+TEST_F(PostwellAlias, NamesOfOtherScriptsAreShownAsTheyAre) {
+  store({"m\xc3\xbcller|j\xc3\xbcrgen\xe2\x80\xae|0"});
+  EXPECT_EQ(run({"list"}).out, "m\xc3\xbcller: user j\xc3\xbcrgen\\xe2\\x80\\xae\n");
+  EXPECT_EQ(run({"show", "m\xc3\xbcller"}).out, "user j\xc3\xbcrgen\\xe2\\x80\\xae\n");
 }
 
 TEST_F(PostwellAlias, ANewFileHasTheAliasRoot) {
@@ -422,7 +432,8 @@ TEST_F(PostwellAlias, AliasesThatCannotBeRead) {
       EXPECT_EQ(outcome.status, 1);
       EXPECT_EQ(outcome.out, "");
       EXPECT_EQ(outcome.err,
-                "postwell: cannot read the aliases (the system log tells why)\n");
+                "postwell: cannot read the aliases (the system log tells why).\n"
+                "Run as root.\n");
     }
     EXPECT_EQ(package_.takeCalls(), Arguments());
   };

@@ -57,9 +57,13 @@ TEST_F(PostwellDomain, List) {
   EXPECT_EQ(run({"list"}).out, "a.example\nB.example\n");
   EXPECT_EQ(run({"list", "--json"}).out, "[\n  \"a.example\",\n  \"B.example\"\n]\n");
   use("");
-  EXPECT_EQ(run({"list"}).out, "");
-  EXPECT_EQ(run({"list", "--json"}).out, "[]\n");
-  EXPECT_EQ(run({"list"}).status, 0);
+  const Outcome outcome = run({"list"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, "postwell: there is no domain in the list.\n");
+  const Outcome json = run({"list", "--json"});
+  EXPECT_EQ(json.out, "[]\n");
+  EXPECT_EQ(json.err, "");
 }
 
 TEST_F(PostwellDomain, AListMadeByHandCannotDriveTheTerminal) {

@@ -16,6 +16,7 @@ using Rows = std::vector<std::string>;
 const std::string kDatabase = "/var/packages/Postwell/etc/postwell.db";
 const std::string kFile = "/var/packages/Postwell/etc/list.txt";
 const std::string kUnchanged = "; nothing was changed";
+const std::string kNoRule = "postwell: there is no rule to show.\n";
 
 class PostwellRules : public testing::Test {
  protected:
@@ -41,11 +42,12 @@ class PostwellRules : public testing::Test {
   }
 
   // The command is done, says this and makes these calls.
-  void expectDone(const Arguments &arguments, const std::string &out, const Rows &calls) {
+  void expectDone(const Arguments &arguments, const std::string &out, const Rows &calls,
+                  const std::string &err = "") {
     const Outcome outcome = run(arguments);
     EXPECT_EQ(outcome.status, 0) << testing::PrintToString(arguments);
     EXPECT_EQ(outcome.out, out);
-    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(outcome.err, err);
     EXPECT_EQ(package_.takeCalls(), calls);
   }
 
@@ -68,7 +70,10 @@ class PostwellRules : public testing::Test {
 
 TEST_F(PostwellRules, BeforeTheFirstRuleThereIsNoFileAndTheListIsEmpty) {
   unlink(kDatabase.c_str());
-  for (const char *noun : {"access", "bcc"}) expectDone({noun, "list"}, "", {});
+  for (const char *noun : {"access", "bcc"}) {
+    expectDone({noun, "list"}, "", {}, kNoRule);
+    expectDone({noun, "list", "--json"}, "{\n  \"total\": 0,\n  \"rules\": []\n}\n", {});
+  }
   EXPECT_FALSE(fileExists(kDatabase));
 }
 
@@ -104,11 +109,50 @@ TEST_F(PostwellRules, AccessRulesThatNoMapCarriesAreRefused) {
   expectRefused({"access", "add", "client", "reject", "--account", "amy"}, 2,
                 "\"amy\" is refused: a client has no account" + kUnchanged);
   expectRefused({"access", "add", "sender", "reject"}, 2,
-                "name something with --account, --address or --domain\n");
+                "name something with --account, --address or --domain. Example: postwell "
+                "access add sender reject --domain spammer.example\n");
   expectRefused({"access", "add", "all", "reject", "--domain", "a.example"}, 2,
                 "TYPE: must be sender, recipient or client, not \"all\"");
   expectRefused({"access", "add", "sender", "deny", "--domain", "a.example"}, 2,
                 "ACTION: must be permit, reject or discard, not \"deny\"");
+}
+
+TEST_F(PostwellRules, ARefusalTellsHowANameIsWritten) {
+  const auto expectAdvice = [this](const Arguments &rule, const std::string &looks) {
+    Arguments words{"access", "add"};
+    words.insert(words.end(), rule.begin(), rule.end());
+    expectRefused(words, 2, '"' + rule.back() + "\" is refused: ");
+    const std::string err = run(words).err,
+                      advice = "\nIt must look like " + looks + ".\n";
+    EXPECT_EQ(err.substr(err.find('\n')), advice);
+  };
+  expectAdvice({"sender", "reject", "--account", "a b"}, "bob");
+  expectAdvice({"recipient", "reject", "--address", "x.example"}, "bob@example.org");
+  expectAdvice({"sender", "reject", "--domain", "a@x.example"}, "example.org");
+  const std::string client =
+      "192.0.2.1, 2001:db8::7, mail.example.org, example.org or, for all\n"
+      "of 192.0.2.0/24, 192.0.2";
+  for (const char *name : {"192.0.2.0/24", "192.0.2.0/33", "192.0.2.", "300.0.2.1"})
+    expectAdvice({"client", "reject", "--address", name}, client);
+  expectDone({"access", "add", "client", "reject", "--address", "192.0.2"},
+             "1 rule stored; Postfix follows.\n", {"kest_access_map"});
+}
+
+TEST_F(PostwellRules, AccessRulesThatAreThereAlreadyAreTold) {
+  const Arguments add = {"access", "add", "sender", "reject", "--domain", "b.example"};
+  expectDone(add, "1 rule stored; Postfix follows.\n", {"kest_access_map"});
+  const std::string told =
+      "The rule for the sender domain \"b.example\" is there already.\n";
+  expectDone(add, told, {"kest_access_map"});
+  Arguments both = add;
+  both.insert(both.end(), {"--domain", "c.example", "--address", "B.example@b.example"});
+  expectDone(both, told + "2 rules stored; Postfix follows.\n", {"kest_access_map"});
+  expectDone({"access", "add", "sender", "reject", "--domain", "B.EXAMPLE"}, told,
+             {"kest_access_map"});
+  expectDone({"access", "add", "recipient", "reject", "--domain", "b.example"},
+             "1 rule stored; Postfix follows.\n", {"kest_access_map"});
+  expectDone({"access", "add", "sender", "permit", "--domain", "b.example"},
+             "1 rule stored; Postfix follows.\n", {"kest_access_map"});
 }
 
 TEST_F(PostwellRules, WhatIsStoredCanBeRemovedWhateverItIs) {
@@ -148,6 +192,7 @@ TEST_F(PostwellRules, AccessListInPagesAndBySearch) {
 }
 )",
              {});
+  expectDone({"access", "list", "--search", "nowhere"}, "", {}, kNoRule);
   expectDone({"access", "list", "--limit", "0", "--json"},
              "{\n  \"total\": 4,\n  \"rules\": []\n}\n", {});
   expectRefused({"access", "list", "--offset", "-1"}, 2,
@@ -301,9 +346,18 @@ TEST_F(PostwellRules, BccRulesThatNoMapCarriesAreRefused) {
   expectRefused({"bcc", "add", "sender", "amy", "x, y"}, 2,
                 "\"amy\" is refused: its target \"x, y\" is no account name or mail "
                 "address" +
-                    kUnchanged);
+                    kUnchanged + ".\nIt must look like bob or bob@example.org.\n");
   expectRefused({"bcc", "add", "client", "amy", "boss"}, 2,
                 "TYPE: must be sender or recipient, not \"client\"");
+}
+
+TEST_F(PostwellRules, ABccRuleThatIsThereAlreadyIsTold) {
+  const Arguments add = {"bcc", "add", "sender", "Amy", "boss"};
+  expectDone(add, "1 rule stored; Postfix follows.\n", {"kest_bcc_map"});
+  expectDone(add, "The rule for the sender \"amy\" is there already.\n",
+             {"kest_bcc_map"});
+  expectDone({"bcc", "add", "sender", "amy", "other"},
+             "1 rule stored; Postfix follows.\n", {"kest_bcc_map"});
 }
 
 TEST_F(PostwellRules, BccListInPagesAndBySearch) {

@@ -262,8 +262,8 @@ TEST_F(PostwellSmtp, AFailingScript) {
         outcome.err,
         "postwell: the new settings are in the file, but the daemons may not follow "
         "them.\n"
-        "The system log, and lines above if there are any, tell which step failed;\n"
-        "correct the cause and\nset them again.\n");
+        "Run as root. The system log, and lines above if there are any, tell which\n"
+        "step failed; correct the cause and\nset them again.\n");
     EXPECT_EQ(settingsNow()["message_limit"], "\"30\"");
   }
 }

@@ -61,7 +61,8 @@ class PostwellSpamLists : public testing::Test {
 
 TEST_F(PostwellSpamLists, BeforeTheFirstRuleThereIsNoFileAndTheListsAreEmpty) {
   unlink(kDatabase.c_str());
-  for (const char *noun : {"blacklist", "whitelist"}) expectDone({noun, "list"}, "", {});
+  for (const char *noun : {"blacklist", "whitelist"})
+    expectDone({noun, "list"}, "", {}, "postwell: there is no rule to show.\n");
   EXPECT_FALSE(fileExists(kDatabase));
 }
 
@@ -92,8 +93,16 @@ TEST_F(PostwellSpamLists, AddingToOneListTakesFromTheOtherAndSaysSo) {
                 "changed.\n\"postwell blacklist list\" shows what there is.\n");
 }
 
+TEST_F(PostwellSpamLists, ARuleThatIsThereAlreadyIsTold) {
+  const Arguments add = {"blacklist", "add", "sender", "--domain", "A.example"};
+  expectDone(add, "1 rule stored; the spam filter follows.\n", {kMaker});
+  expectDone(add, "The rule for the sender domain \"a.example\" is there already.\n",
+             {kMaker});
+  EXPECT_EQ(entries(), Rows{"2|a.example|0|1"});
+}
+
 TEST_F(PostwellSpamLists, RulesThatTheSpamFilterCannotTakeAreRefused) {
-  const std::string unchanged = "; nothing was changed";
+  const std::string unchanged = "; nothing was changed.\nIt must look like ";
   const std::vector<std::pair<Arguments, std::string>> rules = {
       {{"--address", "*@b.example"},
        "\"*@b.example\" is refused: it is no mail address that the spam filter can take"},
@@ -108,7 +117,8 @@ TEST_F(PostwellSpamLists, RulesThatTheSpamFilterCannotTakeAreRefused) {
     expectRefused(words, 2, message + unchanged);
   }
   expectRefused({"whitelist", "add", "sender"}, 2,
-                "name something with --account, --address or --domain\n");
+                "name something with --account, --address or --domain. Example: postwell "
+                "whitelist add sender --domain example.org\n");
   expectRefused({"whitelist", "add", "client", "--domain", "a.example"}, 2,
                 "TYPE: must be sender or recipient, not \"client\"");
 }

@@ -129,14 +129,41 @@ TEST_F(Usage, WrongUsageIsStatus2) {
   expectRefused({"smtp", "set", "--port", "26", "--bogus"}, "--bogus");
   expectRefused({"smtp", "set", "--port", "26", "extra"},
                 "\"extra\" is one word too many\n");
-  expectRefused({"smtp", "set", "--port"}, "--port: 1 required NUMBER missing");
-  expectRefused({"smtp", "set", "--port", "26", "--port", "27"}, "--port");
+  expectRefused({"smtp", "set", "--port"}, "postwell: --port needs a value: NUMBER\n");
+  expectRefused({"smtp", "set", "--enabled"},
+                "postwell: --enabled needs a value: yes|no\n");
+  expectRefused({"smtp", "set", "--port", "26", "--port", "27"},
+                "postwell: --port may be given once only\n");
+  for (const char *flag : {"--json=no", "--json=maybe", "--json=3"})
+    expectRefused({"smtp", "show", flag}, "postwell: --json takes no value\n");
+  expectRefused({"log", "stats", "--csv=x"}, "postwell: --csv takes no value\n");
   expectRefused({"smtp", "set", "--port", "26", "--smtps-port", "0"}, "--smtps-port");
 }
 
 TEST_F(Usage, SetWithoutAnOptionIsWrongUsage) {
   for (const char *noun : {"smtp", "relay", "protocol"})
     expectRefused({noun, "set"}, "name at least one setting");
+}
+
+TEST_F(Usage, AWordThatLacksItsOptionIsAnsweredWithAnExample) {
+  for (const auto &[command, example] : std::vector<std::pair<Arguments, std::string>>{
+           {{"access", "add", "sender", "reject"},
+            "postwell access add sender reject --domain spammer.example"},
+           {{"access", "remove", "sender"},
+            "postwell access remove sender --domain spammer.example"},
+           {{"blacklist", "add", "sender"},
+            "postwell blacklist add sender --domain example.org"},
+           {{"whitelist", "remove", "sender"},
+            "postwell whitelist remove sender --domain example.org"},
+           {{"alias", "add", "sales"}, "postwell alias add sales --user bob"}}) {
+    Arguments arguments = command;
+    arguments.emplace_back("x.example");
+    expectRefused(arguments,
+                  "\"x.example\" is one word too many. Example: " + example + "\n");
+  }
+  EXPECT_NE(run({"access", "add", "--help"})
+                .out.find("\nExample: postwell access add sender reject --domain "),
+            std::string::npos);
 }
 
 TEST_F(Usage, ComplaintsCannotDriveTheTerminal) {
