@@ -19,6 +19,8 @@ namespace {
 using Names = std::vector<std::string>;
 using Servers = std::list<DNSBinfo>;
 
+constexpr char kNoList[] = "there is no blocklist.";
+
 const std::vector<std::string> kKinds = {"rbl", "rhsbl"};  // as DNSBType numbers them
 
 std::string kindOf(const DNSBinfo &server) {
@@ -31,8 +33,20 @@ Servers serversOf(const Names &names, DNSBType kind) {
   return servers;
 }
 
-bool isIn(const Servers &servers, const DNSBinfo &server) {
-  return std::find(servers.begin(), servers.end(), server) != servers.end();
+// Those among the stored that are the named one; names of domains have no case.
+Servers like(const DNSBinfo &named) {
+  Servers found;
+  for (const DNSBinfo &server : blocklists().getDNSBList())
+    if (server.type == named.type &&
+        lowerCase(server.strServerName) == lowerCase(named.strServerName))
+      found.push_back(server);
+  return found;
+}
+
+void tellWhenOff() {
+  if (!blocklists().isDNSBLEnabled())
+    std::cerr
+        << "None is asked: \"postwell security set --dnsbl yes\" switches them on.\n";
 }
 
 Values readAll() {
@@ -46,9 +60,8 @@ void printAll(const Values &servers) {
   for (const Values &server : servers)
     std::cout << server["kind"].get<std::string>() << ' '
               << printable(server["name"].get_ref<const std::string &>()) << '\n';
-  if (!blocklists().isDNSBLEnabled())
-    std::cerr
-        << "None is asked: \"postwell security set --dnsbl yes\" switches them on.\n";
+  if (servers.empty()) return tell(kNoList);
+  tellWhenOff();
 }
 
 void save() {
@@ -57,27 +70,31 @@ void save() {
                   "the blocklists could not be stored, or Postfix cannot follow them.\n"
                   "Run as root. A line above or the system log tells which step failed;\n"
                   "correct the cause and repeat the command.");
-  std::cout << counted(blocklists().getDNSBList().size(), "blocklist")
-            << " now; Postfix follows.\n";
+  std::cout << counted(blocklists().getDNSBList().size(), "blocklist") << " now"
+            << (blocklists().isDNSBLEnabled() ? "; Postfix follows.\n" : ".\n");
+  tellWhenOff();
 }
 
 void add(const Names &names, DNSBType kind) {
   for (const DNSBinfo &server : serversOf(names, kind)) {
-    if (isIn(blocklists().getDNSBList(), server))
-      std::cout << server.strServerName << " is among them already.\n";
-    else
+    if (like(server).empty())
       blocklists().addDNSBList({server});
+    else
+      std::cout << server.strServerName << " is among them already.\n";
   }
   save();
 }
 
 void remove(const Names &names, DNSBType kind) {
-  const Servers servers = serversOf(names, kind), stored = blocklists().getDNSBList();
-  for (const DNSBinfo &server : servers)
-    if (!isIn(stored, server))
-      throw Failure(kFailed, inQuotes(server.strServerName) +
+  Servers servers;
+  for (const DNSBinfo &named : serversOf(names, kind)) {
+    Servers found = like(named);
+    if (found.empty())
+      throw Failure(kFailed, inQuotes(named.strServerName) +
                                  " is not among them; nothing was changed.\n\"postwell "
                                  "dnsbl list\" shows what is.");
+    servers.splice(servers.end(), found);
+  }
   blocklists().delDNSBList(servers);
   save();
 }
@@ -141,6 +158,7 @@ Values examine(const DNSBinfo &server) {
 }
 
 void printTests(const Values &tests) {
+  if (tests.empty()) tell(kNoList);
   for (const Values &test : tests)
     std::cout << printable(test["name"].get_ref<const std::string &>()) << ' '
               << test["verdict"].get<std::string>() << ".\n";
@@ -197,7 +215,7 @@ void expectFit(const Values &tests) {
 void addDnsbl(CLI::App &app) {
   CLI::App &noun = addNoun(app, "dnsbl", "The blocklists in the DNS");
   addReader(noun, "list", "List them", readAll, printAll);
-  addVerb(noun, "add", "Add blocklists", add, domainName().validator);
+  addVerb(noun, "add", "Add blocklists", add, blocklistName().validator);
   addVerb(noun, "remove", "Remove blocklists", remove, CLI::Validator());
   addReader(noun, "test",
             "Ask each list for an entry that is always there and one that never is",

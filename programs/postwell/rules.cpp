@@ -96,6 +96,18 @@ Rule domainName() {
   });
 }
 
+Rule blocklistName() {
+  return makeRule("NAME", [](std::string &value) -> std::string {
+    if (!isHostName(value) || value.find('.') == std::string::npos)
+      return wrong(
+          "must be the domain name of a list such as list.example.org (--kind says what "
+          "it lists)",
+          value);
+    value = lowerCase(value);
+    return "";
+  });
+}
+
 Rule aliasName() {
   return makeRule("NAME", [](std::string &value) -> std::string {
     const std::string problem = aliasNameProblem(value);

@@ -23,6 +23,7 @@ Rule hostName();                        // or empty
 Rule relayServer();                     // a host name, an address or empty
 Rule relayAccount();                    // fit for Postfix's password table, or empty
 Rule domainName();                      // made small
+Rule blocklistName();                   // a domain name with a dot, made small
 Rule aliasName();                       // a name that an alias can have
 Rule mailAddress();                     // such as bob@example.org
 Rule mailTarget();                      // the same, or the name of an account

@@ -3,8 +3,12 @@
 // The library reports success whatever happens. So what it stored is read back, and each
 // step behind it is taken once more, for its result.
 
+#include <unistd.h>
+
 #include <array>
 #include <iostream>
+#include <string>
+#include <vector>
 
 #include "command.h"
 #include "kestcore.h"
@@ -15,11 +19,41 @@ namespace {
 
 constexpr char kSettings[] = "/var/packages/Postwell/etc/postwell.conf";
 
+// Whether the service that was asked for its status runs. Null where that is not known:
+// the folders of some are closed to ordinary users.
+Values runs(int (*service)(const char *)) {
+  if (geteuid() != 0) return nullptr;
+  return service("status") == 0;
+}
+
 Values describe(const Security &all) {
   return {{"spam", all.isEnableSpamassassin()},
           {"dnsbl", all.isEnableDNSBL()},
           {"anti_virus", all.isEnableAntiVirus()},
-          {"clean_interval", all.getSpamCleanInterval()}};
+          {"clean_interval", all.getSpamCleanInterval()},
+          {"spam_runs", runs(Spam::Service)},
+          {"anti_virus_runs", runs(Security::AntiVirusService)},
+          {"milters_run", runs(Security::MailScannerService)}};
+}
+
+// What is on and does not do its work, and what that does to mail.
+void tellWhatIsDown(const Values &values) {
+  const bool judges = values["spam"], examines = values["anti_virus"];
+  std::vector<std::string> down;
+  if (judges && values["spam_runs"] == false)
+    down.emplace_back(
+        "the spam filter is on, but spamd is not running: mail is accepted "
+        "without being judged.");
+  if (examines && values["anti_virus_runs"] == false)
+    down.emplace_back(
+        "the virus scanner is on, but clamd is not running: all mail waits "
+        "at its senders.");
+  if ((judges || examines) && values["milters_run"] == false)
+    down.emplace_back(
+        "a milter that shows mail to them is not running, with the same "
+        "effect.");
+  for (const std::string &text : down) tell(text);
+  if (!down.empty()) tell("\"postwell security apply\" starts what is on.");
 }
 
 std::string yesOrNo(bool flag) { return flag ? "yes" : "no"; }
@@ -78,7 +112,8 @@ void apply() {
 
 void addSecurity(CLI::App &app) {
   CLI::App &noun = addNoun(app, "security", "Which filters look at mail");
-  addShow(noun, [] { return describe(security()); });
+  addShow(
+      noun, [] { return describe(security()); }, tellWhatIsDown);
 
   SetCommand<Security> set(noun);
   set.option<bool>("--spam", "The spam filter", yesNo(),

@@ -20,6 +20,11 @@ const std::string kEmptyLists = "[RBL server]\n[RHSBL server]\n";
 const std::string kStored =
     "spam_enable=\"no\"\nanti_virus_enable=\"no\"\nspam_dnsbl_enable=\"no\"\n";
 
+bool isRoot() { return getuid() == 0; }
+
+const Arguments kStates = {"SpamDaemon.sh status", "kest_anti-virus status",
+                           "MailScanner.sh status"};
+
 const Arguments kFiltersRun = {"SpamDaemon.sh start", "kest_anti-virus start",
                                "MailScanner.sh start"};
 
@@ -65,6 +70,15 @@ TEST_F(PostwellSpam, ScoresAreShownAsTheyStandInTheFile) {
   EXPECT_NE(outcome.out.find("\"score\": 4.57,"), std::string::npos) << outcome.out;
   EXPECT_NE(outcome.out.find("\"report\": \"unknown (7)\""), std::string::npos);
   EXPECT_NE(show().out.find("subject           a\\x1b[2Jb\n"), std::string::npos);
+}
+
+TEST_F(PostwellSpam, ATagOfAnotherScriptIsShownAsItIs) {
+  writeFile(PackageTree::kSettings,
+            kSomeSettings + "spam_rewrite_subject=\"\xc3\x9c\xe2\x82\xac\xc2\x9b\"\n");
+  EXPECT_NE(show().out.find("subject           \xc3\x9c\xe2\x82\xac\\xc2\\x9b\n"),
+            std::string::npos);
+  EXPECT_NE(show({"--json"}).out.find("\"subject\": \"\\u00dc\\u20ac\\u009b\""),
+            std::string::npos);
 }
 
 TEST_F(PostwellSpam, SetMakesAllFollow) {
@@ -166,7 +180,12 @@ class PostwellSpamRules : public testing::Test {
   static Outcome rule(const Arguments &words) {
     return RUN_TEST_PROGRAM(Arguments{"spam", "rule"} + words);
   }
-  static std::string list() { return RUN_TEST_PROGRAM(Arguments{"spam", "rules"}).out; }
+  static std::string list() {
+    const Outcome outcome = RUN_TEST_PROGRAM(Arguments{"spam", "rules"});
+    EXPECT_EQ(outcome.err,
+              outcome.out.empty() ? "postwell: there is no rule file.\n" : "");
+    return outcome.out;
+  }
   static bool exists(const std::string &path) { return fileExists(path); }
 
   static constexpr char kRule[] = "body MINE /x/\n";
@@ -329,9 +348,11 @@ class PostwellDnsbl : public testing::Test {
 };
 
 TEST_F(PostwellDnsbl, AddListRemove) {
-  EXPECT_EQ(run({"add", "Z.example", "b.example", "z.example"}).out,
-            "z.example is among them already.\n"
-            "2 blocklists now; Postfix follows.\n");
+  const std::string off =
+      "None is asked: \"postwell security set --dnsbl yes\" switches them on.\n";
+  const Outcome added = run({"add", "Z.example", "b.example", "z.example"});
+  EXPECT_EQ(added.out, "z.example is among them already.\n2 blocklists now.\n");
+  EXPECT_EQ(added.err, off);
   EXPECT_EQ(run({"add", "--kind", "rhsbl", "b.example"}).status, 0);
   EXPECT_EQ(readFile(kBlocklists),
             "[RBL server]\nz.example\nb.example\n[RHSBL server]\nb.example\n");
@@ -339,9 +360,11 @@ TEST_F(PostwellDnsbl, AddListRemove) {
             (Arguments{"DaemonConfSet.sh smtp", "DaemonConfSet.sh smtp"}));
   const Outcome listed = run({"list"});
   EXPECT_EQ(listed.out, "rbl z.example\nrbl b.example\nrhsbl b.example\n");
-  EXPECT_EQ(listed.err,
-            "None is asked: \"postwell security set --dnsbl yes\" switches them on.\n");
-  EXPECT_EQ(run({"remove", "b.example"}).out, "2 blocklists now; Postfix follows.\n");
+  EXPECT_EQ(listed.err, off);
+  writeFile(PackageTree::kSettings, kSomeSettings + "spam_dnsbl_enable=\"yes\"\n");
+  const Outcome removed = run({"remove", "b.example"});
+  EXPECT_EQ(removed.out, "2 blocklists now; Postfix follows.\n");
+  EXPECT_EQ(removed.err, "");
   EXPECT_EQ(run({"list", "--json"}).out, R"([
   {
     "kind": "rbl",
@@ -355,9 +378,34 @@ TEST_F(PostwellDnsbl, AddListRemove) {
 )");
 }
 
+TEST_F(PostwellDnsbl, ANameIsFoundInAnySpelling) {
+  writeFile(kBlocklists,
+            "[RBL server]\nB.example\nb.Example\n[RHSBL server]\nB.example\n");
+  EXPECT_EQ(run({"add", "B.EXAMPLE"}).out,
+            "b.example is among them already.\n3 blocklists now.\n");
+  EXPECT_EQ(run({"remove", "B.EXAMPLE"}).out, "1 blocklist now.\n");
+  EXPECT_EQ(readFile(kBlocklists), "[RBL server]\n[RHSBL server]\nB.example\n");
+}
+
+TEST_F(PostwellDnsbl, WithoutAnyThatIsTold) {
+  for (const char *verb : {"list", "test"}) {
+    const Outcome outcome = run({verb});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err, "postwell: there is no blocklist.\n");
+    EXPECT_EQ(run({verb, "--json"}).out, "[]\n");
+  }
+}
+
 TEST_F(PostwellDnsbl, NamesThatAreNoneAreRefusedAndCanBeRemoved) {
-  for (const char *name : {"", "a b", "a\nb", "a_b.example", "x=127.0.0.1", "1.2.3.4"})
+  for (const char *name : {"", "a b", "a\nb", "a_b.example", "x=127.0.0.1", "1.2.3.4",
+                           "localhost", "example."})
     EXPECT_EQ(run({"add", name}).status, 2) << name;
+  for (const char *kind : {"rbl", "rhsbl"})
+    EXPECT_EQ(run({"add", kind, "b.example"}).err,
+              std::string("postwell: NAME: must be the domain name of a list such as "
+                          "list.example.org (--kind says what it lists), not \"") +
+                  kind + "\"\nRun with --help for more information.\n");
   EXPECT_EQ(readFile(kBlocklists), kEmptyLists);
   EXPECT_EQ(run({"remove", "none.example"}).err,
             "postwell: \"none.example\" is not among them; nothing was changed.\n"
@@ -388,11 +436,18 @@ class PostwellSecurity : public PostwellSettingsTest {
 };
 
 TEST_F(PostwellSecurity, ShowAndSet) {
-  EXPECT_EQ(show().out,
+  const std::string running = isRoot() ? "yes" : "unknown";
+  const Outcome shown = show();
+  EXPECT_EQ(shown.out,
             "spam              no\n"
             "dnsbl             no\n"
             "anti_virus        no\n"
-            "clean_interval    30\n");
+            "clean_interval    30\n"
+            "spam_runs         " +
+                running + "\nanti_virus_runs   " + running + "\nmilters_run       " +
+                running + '\n');
+  EXPECT_EQ(shown.err, "");
+  EXPECT_EQ(package_.takeCalls(), isRoot() ? kStates : Arguments());
   const Keys before = settingsNow();
   EXPECT_EQ(set({"--spam", "yes", "--dnsbl", "yes", "--anti-virus", "yes",
                  "--clean-interval", "7"})
@@ -404,6 +459,50 @@ TEST_F(PostwellSecurity, ShowAndSet) {
   EXPECT_EQ(changed.at("anti_virus_enable"), "\"yes\"");
   EXPECT_EQ(changed.at("spam_clean_interval"), "\"7\"");
   EXPECT_EQ(package_.takeCalls(), kAllSteps + kFiltersRun);
+}
+
+// Only root can look into all folders of the filters.
+TEST_F(PostwellSecurity, ShowTellsWhatIsOnAndDown) {
+  const std::string spamd =
+      "postwell: the spam filter is on, but spamd is not running: mail is accepted "
+      "without "
+      "being judged.\n";
+  const std::string clamd =
+      "postwell: the virus scanner is on, but clamd is not running: all mail waits at "
+      "its "
+      "senders.\n";
+  const std::string milter =
+      "postwell: a milter that shows mail to them is not running, with the same "
+      "effect.\n";
+  const std::string remedy = "postwell: \"postwell security apply\" starts what is on.\n";
+  const auto expectTold = [this](const std::string &spam, const std::string &virus,
+                                 const std::string &told) {
+    writeFile(PackageTree::kSettings, kSomeSettings + "spam_enable=\"" + spam +
+                                          "\"\nanti_virus_enable=\"" + virus + "\"\n");
+    for (const Arguments &options : {Arguments{}, Arguments{"--json"}}) {
+      const Outcome outcome = show(options);
+      EXPECT_EQ(outcome.status, 0);
+      EXPECT_EQ(outcome.err, isRoot() ? told : "");
+    }
+  };
+  expectTold("yes", "yes", "");
+  package_.failScript("MailScanner.sh", 3, "status");
+  expectTold("yes", "no", milter + remedy);
+  package_.failScript("SpamDaemon.sh", 3, "status");
+  expectTold("no", "no", "");
+  expectTold("no", "yes", milter + remedy);
+  package_.failScript("kest_anti-virus", 3, "status");
+  expectTold("yes", "yes", spamd + clamd + milter + remedy);
+  package_.failScript("MailScanner.sh", 0, "status");
+  expectTold("no", "yes", clamd + remedy);
+  expectTold("yes", "no", spamd + remedy);
+  const std::string value = isRoot() ? "false" : "null";
+  EXPECT_NE(
+      show({"--json"})
+          .out.find("\"clean_interval\": 30,\n  \"spam_runs\": " + value +
+                    ",\n  \"anti_virus_runs\": " + value +
+                    ",\n  \"milters_run\": " + (isRoot() ? "true" : "null") + "\n}\n"),
+      std::string::npos);
 }
 
 TEST_F(PostwellSecurity, ApplyTakesWhatIsStored) {
