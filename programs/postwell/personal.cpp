@@ -22,10 +22,12 @@
 
 #include "as_user.h"
 #include "command.h"
+#include "common/local_domains.h"
 #include "common/text.h"
 #include "common/users.h"
 #include "nouns.h"
 #include "ports.h"
+#include "readable.h"
 
 namespace {
 
@@ -47,19 +49,31 @@ Failure unreadable(const Personal &personal, const SMTP &smtp) {
               "read;\nthe system log tells which"};
 }
 
+// What a file held, or why that could not be read.
+struct ReadText {
+  std::string text;
+  std::string problem;
+};
+
+// No more than asked for.
+ReadText readFrom(std::FILE *stream, size_t limit) {
+  std::string text(limit, '\0');
+  text.resize(fread(text.data(), 1, text.size(), stream));
+  if (ferror(stream) != 0) return {"", std::strerror(errno)};
+  return {text, ""};
+}
+
 // The beginning of a file, which its owner may have replaced by anything: nothing is
-// waited for, and no more is read than asked for. Nothing when it is no file.
-std::optional<std::string> readFile(const std::string &path, size_t limit) {
+// waited for.
+ReadText readFile(const std::string &path, size_t limit) {
   const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-  if (file < 0) return std::nullopt;
+  if (file < 0) return {"", std::strerror(errno)};
   struct stat status {};
   const std::unique_ptr<std::FILE, int (*)(std::FILE *)> stream(fdopen(file, "r"),
                                                                 fclose);
-  if (stream == nullptr || fstat(file, &status) != 0 || !S_ISREG(status.st_mode))
-    return std::nullopt;
-  std::string text(limit, '\0');
-  text.resize(fread(text.data(), 1, text.size(), stream.get()));
-  return ferror(stream.get()) == 0 ? std::optional<std::string>(text) : std::nullopt;
+  if (stream == nullptr || fstat(file, &status) != 0) return {"", std::strerror(errno)};
+  if (!S_ISREG(status.st_mode)) return {"", "it is no file with text"};
+  return readFrom(stream.get(), limit);
 }
 
 // The library reads a file whole, however large.
@@ -78,7 +92,7 @@ void refuseLargeFiles(const std::string &user) {
 // The lines of the reply behind its subject.
 std::string storedText(const std::string &home) {
   constexpr char kSubject[] = "Subject:";
-  std::istringstream file(readFile(home + "/.vacation.msg", kLargestFile).value_or(""));
+  std::istringstream file(readFile(home + "/.vacation.msg", kLargestFile).text);
   std::string text;
   bool found = false;
   for (std::string line; std::getline(file, line);) {
@@ -130,7 +144,7 @@ void printAll(const Values &values) {
   printLines(lines);
   std::istringstream text(values["reply_text"].get<std::string>());
   if (!text.str().empty()) std::cout << '\n';
-  for (std::string line; std::getline(text, line);) std::cout << printable(line) << '\n';
+  for (std::string line; std::getline(text, line);) std::cout << readable(line) << '\n';
 }
 
 // ---- set
@@ -147,23 +161,17 @@ std::string textProblem(const std::string &text) {
   return "";
 }
 
-std::optional<std::string> readInput(size_t limit) {
-  std::string text(limit, '\0');
-  text.resize(fread(text.data(), 1, text.size(), stdin));
-  return ferror(stdin) == 0 ? std::optional<std::string>(text) : std::nullopt;
-}
-
 // "-": standard input. A file is read with the user's rights: it may lie in his home and
 // be a link to one that he may not read.
 std::string readText(const std::string &name) {
   constexpr size_t kEnough = kLongestText + 1;
-  const std::optional<std::string> read =
-      name == "-" ? readInput(kEnough) : readFile(name, kEnough);
-  if (!read)
+  const ReadText read = name == "-" ? readFrom(stdin, kEnough) : readFile(name, kEnough);
+  if (!read.problem.empty())
     throw Failure(kFailed, "cannot read the reply from " + inQuotes(name) +
-                               " with the user's rights;\none that only you can "
-                               "read is given as \"--reply-file - <FILE\"");
-  std::string text = normal(*read);
+                               " with the user's rights: " + read.problem +
+                               ";\none that only you can read is given as "
+                               "\"--reply-file - <FILE\"");
+  std::string text = normal(read.text);
   const std::string problem = textProblem(text);
   if (!problem.empty()) throw Failure(kWrongUsage, "the text of the reply " + problem);
   return text;
@@ -175,6 +183,17 @@ bool isFitForForward(const std::string &name) {
          isMadeOf(name, "._-");
 }
 
+// Whether mail for the address is the user's own, as far as the settings tell.
+bool isOwnAddress(const std::string &address, const std::string &user) {
+  const size_t at = address.find('@');
+  const std::string mailbox = address.substr(0, std::min(at, address.find('+')));
+  const std::vector<std::string> domains = localDomains();
+  return lowerCase(mailbox) == lowerCase(TrimDomainName(user)) &&
+         (at == std::string::npos ||
+          std::find(domains.begin(), domains.end(), lowerCase(address.substr(at + 1))) !=
+              domains.end());
+}
+
 void checkWhole(const Personal &personal) {
   const bool forwards = personal.isEnabledForward(), replies = personal.isEnabledReply();
   if ((forwards || replies) && !isFitForForward(TrimDomainName(personal.getUser())))
@@ -182,6 +201,11 @@ void checkWhole(const Personal &personal) {
                   "the mail system would take the name " + inQuotes(personal.getUser()) +
                       " for an address or a command;\nonly letters and digits of ASCII, "
                       "\".\", \"_\" and \"-\" are safe");
+  if (forwards && isOwnAddress(personal.getForwardAddr(), personal.getUser()))
+    throw Failure(kWrongUsage,
+                  inQuotes(personal.getForwardAddr()) +
+                      " is the user's own address here, to which nothing can be "
+                      "forwarded;\nname another one with --forward, or --no-forward");
   if (personal.isKeepCopy() && !forwards)
     throw Failure(kWrongUsage,
                   "only forwarded mail can be copied; name an address with --forward");

@@ -225,8 +225,17 @@ TEST_F(PostwellPersonal, TheTextIsReadWithTheUsersRights) {
   EXPECT_EQ(hers(kReply), "From:\"amy\"\nSubject:Away\nBack soon.\n");
   ASSERT_EQ(chmod("/tmp/reply", 0), 0);
   ASSERT_EQ(mkfifo("/tmp/pipe", 0666), 0);
-  for (const char *name : {"/tmp/missing\x1b", "/tmp", "/tmp/reply", "/tmp/pipe"})
-    expectRefused(set({"--reply-file", name}), 1, "cannot read the reply from \"/tmp");
+  const auto refuse = [](const std::string &name, const std::string &shown,
+                         const std::string &reason) {
+    expectRefused(
+        set({"--reply-file", name}), 1,
+        "cannot read the reply from \"" + shown + "\" with the user's rights: " + reason +
+            ";\none that only you can read is given as \"--reply-file - <FILE\"\n");
+  };
+  refuse("/tmp/missing\x1b", "/tmp/missing\\x1b", "No such file or directory");
+  refuse("/tmp/reply", "/tmp/reply", "Permission denied");
+  for (const char *name : {"/tmp", "/tmp/pipe"})
+    refuse(name, name, "it is no file with text");
 }
 
 TEST_F(PostwellPersonal, FilesTooLargeForMemoryAreNotRead) {
@@ -271,6 +280,53 @@ TEST_F(PostwellPersonal, OnlyOneMailAddressIsTakenForForwarding) {
                   "--forward: must be one mail address such as bob@example.org, not \"");
   EXPECT_EQ(hers(kForward), "(missing)");
   EXPECT_FALSE(fileExists("/tmp/owned"));
+}
+
+TEST_F(PostwellPersonal, NobodyForwardsToHimself) {
+  const std::string host = "mail.example.org";  // as in the settings
+  const auto refuse = [](const std::string &address, const std::string &user = "amy") {
+    expectRefused(set({"--forward", address}, "", user), 2,
+                  '"' + address +
+                      "\" is the user's own address here, to which nothing can be "
+                      "forwarded;\nname another one with --forward, or --no-forward\n");
+  };
+  for (const char *name : {"amy@", "Amy@", "amy+away@"}) refuse(name + host);
+  for (const char *address : {"amy@MAIL.example.org", "amy@localhost"}) refuse(address);
+  EXPECT_EQ(hers(kForward), "(missing)");
+  for (const char *address : {"amy@other.example", "bob@mail.example.org",
+                              "amyx@mail.example.org", "x+amy@mail.example.org"})
+    EXPECT_EQ(set({"--forward", address}).status, 0) << address;
+
+  const std::string before = readFile(PackageTree::kSettings);
+  writeFile(PackageTree::kSettings,
+            before + "canonical_domain=\"A.example, other.example\"\n");
+  refuse("amy@a.example");
+  refuse("amy@other.example");
+  useAccounts("win");
+  refuse("amy@" + host, "CORP\\Amy");
+  useAccounts("ldap");
+  refuse("amy@" + host, "amy@corp.example");
+
+  // not even when it was forwarded so before
+  useAccounts("local");
+  sheWrites(kForward, "amy\n");
+  expectRefused(set({"--keep-copy", "yes"}), 2, "\"amy\" is the user's own address here");
+  EXPECT_EQ(set({"--no-forward"}).status, 0);
+}
+
+TEST_F(PostwellPersonal, LettersOfAllScriptsAreShown) {
+  const std::string subject =
+                        "Zur\xc3\xbc"
+                        "ck \xe2\x82\xac",
+                    emoji = "\xf0\x9f\x93\xa7";
+  expectDone({"--reply-subject", subject, "--reply-file", "-"},
+             "Mail for amy stays in the mailbox; vacation reply on.\n",
+             "Bis bald \xe2\x80\xae" + emoji + "\n\xd0\x9f\n");
+  const std::string shown = show().out;
+  EXPECT_NE(shown.find("reply_subject     " + subject + "\n\nBis bald \\xe2\\x80\\xae" +
+                       emoji + "\n\xd0\x9f\n"),
+            std::string::npos)
+      << shown;
 }
 
 TEST_F(PostwellPersonal, SubjectsThatCannotStandInAHeader) {
