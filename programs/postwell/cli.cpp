@@ -2,11 +2,18 @@
 //
 // CLI11 parses everything and checks every value before it runs the command, so
 // a wrong option never follows a change. Its own exit codes all become 2.
+//
+// Where an operand may be repeated CLI11 takes a word "[a,b]" for the two words a and b,
+// and would remove both instead of what is called so. Such words bear a mark behind the
+// bracket until their values are checked.
 
 #include "cli.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
+#include <string>
+#include <vector>
 
 #include "command.h"
 #include "common/standard_streams.h"
@@ -14,6 +21,27 @@
 #include "nouns.h"
 
 namespace {
+
+// CLI11 reads its words from the last to the first.
+std::vector<std::string> markedWords(int argc, const char *const *argv) {
+  std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+  for (std::string &word : words)
+    if (!word.empty() && word.front() == '[' && word.back() == ']') word += kWordMark;
+  std::reverse(words.begin(), words.end());
+  return words;
+}
+
+// Makes taking the mark off the first check of every value.
+void unmarkValues(CLI::App &command) {
+  const CLI::Validator unmark(
+      [](std::string &value) {
+        value = unmarked(value);
+        return std::string();
+      },
+      "");
+  for (CLI::Option *const option : command.get_options()) option->transform(unmark);
+  for (CLI::App *const other : command.get_subcommands(nullptr)) unmarkValues(*other);
+}
 
 int run(int argc, const char *const *argv) {
   CLI::App app(
@@ -41,8 +69,9 @@ int run(int argc, const char *const *argv) {
   addDnsbl(app);
   addSecurity(app);
   addPersonal(app);
+  unmarkValues(app);
   try {
-    app.parse(argc, argv);
+    app.parse(markedWords(argc, argv));
   } catch (const CLI::ExtrasError &) {
     app.exit(unknownWords(app), std::cout, std::cerr);
     return kWrongUsage;

@@ -103,12 +103,17 @@ void requireSubcommand(CLI::App &command) {
   });
 }
 
+std::string unmarked(std::string word) {
+  if (!word.empty() && word.back() == kWordMark) word.pop_back();
+  return word;
+}
+
 CLI::ParseError unknownWords(const CLI::App &app) {
   const CLI::App *command = &app;  // then the one that was given the word
   while (command->remaining().empty() && !command->get_subcommands().empty())
     command = command->get_subcommands().front();
   const std::vector<std::string> words = command->remaining();
-  const std::string word = words.empty() ? "" : words.front();
+  const std::string word = words.empty() ? "" : unmarked(words.front());
   const std::string names = subcommandNames(*command);
   const std::string problem = word.rfind('-', 0) == 0 ? "is no option here"
                               : names.empty()         ? "is one word too many"

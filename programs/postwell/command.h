@@ -63,6 +63,10 @@ CLI::ParseError wrongCount(const CLI::ArgumentMismatch &error);
 // misspelt word behind "A subcommand is required".
 void requireSubcommand(CLI::App &command);
 
+// Stands behind words in brackets while the command line is parsed; no word can hold it.
+constexpr char kWordMark = '\0';
+std::string unmarked(std::string word);
+
 // What is wrong with a command line that has words which nothing takes.
 CLI::ParseError unknownWords(const CLI::App &app);
 

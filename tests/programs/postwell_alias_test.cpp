@@ -323,6 +323,15 @@ TEST_F(PostwellAlias, WhatIsStoredCanBeRemovedWhateverItIs) {
              "Alias \"a@b\" has 1 member; Postfix follows.\n", {"a@b|amy|0"});
 }
 
+TEST_F(PostwellAlias, ANameInBracketsIsOneName) {
+  store({"a|amy|0", "b|amy|0", "[a,b]|amy|0", "[a,b]|[c,d]|0"});
+  expectDone({"remove", "[a,b]", "--user", "[c,d]"},
+             "Alias \"[a,b]\" has 1 member; Postfix follows.\n",
+             {"a|amy|0", "b|amy|0", "[a,b]|amy|0"});
+  expectDone({"delete", "[a,b]"}, "Alias \"[a,b]\" is gone.\nPostfix follows.\n",
+             {"a|amy|0", "b|amy|0"});
+}
+
 TEST_F(PostwellAlias, RemovingWhatIsAbsentIsAFailure) {
   store({"team|amy|0", "team|bob|0"});
   expectRefused({"remove", "team", "--user", "amy", "--user", "carol"}, 1,

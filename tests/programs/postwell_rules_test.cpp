@@ -340,6 +340,16 @@ TEST_F(PostwellRules, BccAddAndRemove) {
   EXPECT_EQ(bccRules(), Rows{"c@d.example|1|archive"});
 }
 
+TEST_F(PostwellRules, ANameInBracketsIsOneName) {
+  store("insert into bcc_table values('a', 0, 'x'), ('b', 0, 'x'), ('[a,b]', 0, 'x');");
+  expectDone({"bcc", "remove", "sender", "[a,b]"}, "1 rule removed; Postfix follows.\n",
+             {"kest_bcc_map"});
+  EXPECT_EQ(bccRules(), (Rows{"a|0|x", "b|0|x"}));
+  expectRefused({"bcc", "remove", "sender", "a", "[b]"}, 1,
+                "there is no rule for the sender \"[b]\"; nothing was changed.\n");
+  expectRefused({"bcc", "[a]"}, 2, "\"[a]\" is none of: list, add, ");
+}
+
 TEST_F(PostwellRules, BccRulesThatNoMapCarriesAreRefused) {
   expectRefused({"bcc", "add", "sender", "a b", "boss"}, 2,
                 "\"a b\" is refused: it is no account name or mail address" + kUnchanged);
