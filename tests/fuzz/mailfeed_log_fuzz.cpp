@@ -4,8 +4,6 @@
 #include <sqlite3.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -13,16 +11,12 @@
 
 #include "common/text.h"
 #include "fingerprint.h"
+#include "fuzz.h"
 #include "log_reader.h"
 #include "record.h"
 #include "state_file.h"
 
 namespace {
-
-[[noreturn]] void fail(const char *what) {
-  fprintf(stderr, "mailfeed_log_fuzz: %s\n", what);
-  abort();
-}
 
 template <size_t Size>
 void checkText(const char (&field)[Size]) {

@@ -10,14 +10,13 @@
 #include <algorithm>
 #include <climits>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "fuzz.h"
 #include "support/connections.h"
 
 namespace {
@@ -34,11 +33,6 @@ struct Row {
 
 MailLogger *logger = nullptr;  // never ended by exit(), which ends SQLite's parts first
 std::vector<Row> expected;     // since the log was made
-
-[[noreturn]] void fail(const std::string &what) {
-  fprintf(stderr, "maillogger_fuzz: %s\n", what.c_str());
-  abort();
-}
 
 // ---- the plain reading
 

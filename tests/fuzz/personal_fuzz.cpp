@@ -7,28 +7,16 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
+
+#include "fuzz.h"
 
 namespace {
 
 const std::string kHome = "/var/services/homes/alice";
-const std::string kMark = "/bin/vacation", kSubject = "Subject:", kBlanks = " \t\r\n\v\f";
-
-[[noreturn]] void fail(const char *what) {
-  fprintf(stderr, "personal_fuzz: %s\n", what);
-  abort();
-}
-
-void write(const std::string &name, const std::string &text) {
-  std::ofstream out(kHome + name, std::ios::binary);
-  if (!(out << text).flush()) fail("no home can be made (run me by script/fuzz)");
-}
+const std::string kMark = "/bin/vacation", kSubject = "Subject:";
 
 struct State {
   bool forward = false, copy = false, reply = false;
@@ -52,15 +40,11 @@ bool holds(const std::string &text, const std::string &part) {
 }
 
 // The lines that say something, as they are told apart: up to a NUL, without blanks.
-std::vector<std::string> linesOf(const std::string &text) {
+std::vector<std::string> sayingLines(const std::string &text) {
   std::vector<std::string> lines;
-  for (size_t at = 0, end; at < text.size(); at = end + 1) {
-    end = std::min(text.find('\n', at), text.size());
-    const std::string whole = text.substr(at, end - at);
-    const std::string line = whole.substr(0, whole.find('\0'));
-    const size_t first = line.find_first_not_of(kBlanks);
-    if (first == std::string::npos || line[first] == '#') continue;
-    lines.push_back(line.substr(first, line.find_last_not_of(kBlanks) + 1 - first));
+  for (const std::string &whole : linesOf(text)) {
+    const std::string line = trimmed(whole.substr(0, whole.find('\0')));
+    if (!line.empty() && line[0] != '#') lines.push_back(line);
   }
   return lines;
 }
@@ -68,7 +52,7 @@ std::vector<std::string> linesOf(const std::string &text) {
 State plainState(const std::string &forward, const std::string &message) {
   State state;
   state.reply = holds(forward, kMark);
-  std::vector<std::string> lines = linesOf(forward);
+  std::vector<std::string> lines = sayingLines(forward);
   lines.erase(std::remove_if(lines.begin(), lines.end(),
                              [](const std::string &line) { return holds(line, kMark); }),
               lines.end());
@@ -79,7 +63,7 @@ State plainState(const std::string &forward, const std::string &message) {
     state.copy = address != lines.begin();
     state.address = *address;
   }
-  const std::vector<std::string> texts = linesOf(message);
+  const std::vector<std::string> texts = sayingLines(message);
   auto text = std::find_if(texts.begin(), texts.end(),
                            [](const auto &line) { return begins(line, kSubject); });
   if (text == texts.end()) return state;
@@ -100,15 +84,11 @@ State stateOf(const Personal &personal) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  const std::string text(reinterpret_cast<const char *>(data), size);
-  const size_t middle = text.find("\n=\n");
-  const std::string forward =
-      middle == std::string::npos ? text : text.substr(0, middle + 1);
-  const std::string message =
-      middle == std::string::npos ? text : text.substr(middle + 3);
+  const std::vector<std::string> parts = partsOf(data, size);
+  const std::string &forward = parts.front(), &message = parts.back();
   std::filesystem::create_directories(kHome);
-  write("/.forward", forward);
-  write("/.vacation.msg", message);
+  writeWhole(kHome + "/.forward", forward);
+  writeWhole(kHome + "/.vacation.msg", message);
 
   Personal personal("alice");
   State expected = stateOf(personal);
