@@ -7,6 +7,7 @@
 #include <smtp.h>
 #include <spam.h>
 #include <spam_filter.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -156,6 +157,15 @@ int KLIBCExec(const char *program, const char * /*arg1*/, const char * /*arg2*/,
   const std::string path = program;
   expect(path.rfind(kTarget, 0) == 0 || path == "/bin/cp", "another's program is run");
   return programResult;
+}
+
+// A file that was made is opened again into the same place, and the connection that made
+// it stays open behind it: not for thousands of files.
+int sqlite3_open(const char *path, sqlite3 **connection) {
+  if (*connection != nullptr)
+    expect(sqlite3_close(*connection) == SQLITE_OK, "a connection cannot be closed");
+  return sqlite3_open_v2(path, connection, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
+                         nullptr);
 }
 
 int getaddrinfo(const char * /*name*/, const char * /*service*/,
