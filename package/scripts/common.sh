@@ -286,7 +286,7 @@ listening() { [[ -n $(ss -Hltn "sport = :$1") ]]; }
 toTheEnd() {
   local pid session
   read -r pid _ _ _ _ session _ </proc/self/stat
-  [[ $pid == "$session" ]] || exec setsid --wait "$0" "$@"
+  [[ $pid == "$session" ]] || exec setsid --wait "$(readlink -f "$0")" "$@"
 }
 
 # serviceVerb NAME VERB: what a service script does with its argument, by its functions
