@@ -1,18 +1,13 @@
 // The collector is killed at random moments while it stores entries and moves logs
-// aside. What it had stored is there, whole, and the next one goes on.
-//
-// POSTWELL_KILLS in the environment says how often; the seed is fixed.
+// aside. What it had stored is there, whole, and the next one goes on. The seed is fixed.
 
 #include <unistd.h>
 
-#include <algorithm>
-#include <csignal>
-#include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <map>
 #include <random>
 
+#include "faults/killed.h"
 #include "platform/children.h"
 #include "support/connections.h"
 #include "support/library_test.h"
@@ -26,26 +21,17 @@ constexpr int kEntries = 40;  // in a batch
 constexpr int kThreshold = 100;
 constexpr int kMostBatches = 50;  // fill fewer logs than are kept
 
-int kills() {
-  const char *text = getenv("POSTWELL_KILLS");
-  return text == nullptr ? 20 : std::max(1, atoi(text));
-}
-
-void acknowledge(int fd, int batch) {
-  if (write(fd, &batch, sizeof batch) != static_cast<ssize_t>(sizeof batch)) _exit(3);
-}
-
 // Stores batch after batch until it is killed; tells of each when it is stored, or, to
 // show that the test would see a loss, before.
-int storeUntilKilled(int fd, bool early) {
+int storeUntilKilled(const Acknowledge &acknowledge, bool early) {
   MailLogger logger(0, kThreshold);
   if (logger.error() != 0) return 1;
   for (int batch = 0; batch < kMostBatches; batch++) {
     for (int i = 0; i < kEntries; i++) logger.cacheLog(numbered(batch));
-    if (early) acknowledge(fd, batch);
+    if (early) acknowledge();
     logger.flushLogToDB();
     if (logger.error() != 0) return 2;
-    if (!early) acknowledge(fd, batch);
+    if (!early) acknowledge();
     logger.rotateLog();
   }
   for (;;) pause();
@@ -59,26 +45,12 @@ struct Killed {
 class KillTest : public LibraryTest {
  protected:
   Killed killOne(bool early, int after, long nanoseconds) {
-    int ends[2];
-    EXPECT_EQ(pipe(ends), 0);
-    const pid_t child = startChild([&] { return storeUntilKilled(ends[1], early); });
-    close(ends[1]);
     Killed killed;
-    const auto next = [&] {
-      int batch;
-      const bool read = ::read(ends[0], &batch, sizeof batch) == sizeof batch;
-      killed.acknowledged += read;
-      return read;
-    };
-    while (killed.acknowledged < after && next()) {
-    }
-    const timespec moment = {0, nanoseconds};
-    nanosleep(&moment, nullptr);
-    kill(child, SIGKILL);
-    EXPECT_TRUE(WIFSIGNALED(endOf(child)));
-    while (next()) {
-    }
-    close(ends[0]);
+    killed.acknowledged = acknowledgedWhenKilled(
+        [&](const Acknowledge &acknowledge) {
+          return storeUntilKilled(acknowledge, early);
+        },
+        after, nanoseconds);
     const Rows left = filesIn(kFolder);
     judge(killed);
     const std::vector<LogLine> said = log.take();

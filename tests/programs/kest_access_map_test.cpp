@@ -205,6 +205,8 @@ TEST_F(AccessMap, ItWaitsForAnotherAndReadsTheRulesBehindThat) {
   expectMakersTakeTurns(sample());
 }
 
+TEST_F(AccessMap, AKillLeavesTheOldMapOrTheNew) { expectAKillLeavesAMap(sample()); }
+
 TEST_F(AccessMap, WithoutALockNothingIsMade) { expectFailureWithoutALock(sample()); }
 
 TEST_F(AccessMap, WrongUsage) {

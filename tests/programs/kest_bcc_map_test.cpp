@@ -93,6 +93,8 @@ TEST_F(BccMap, ItWaitsForAnotherAndReadsTheRulesBehindThat) {
   expectMakersTakeTurns(sample());
 }
 
+TEST_F(BccMap, AKillLeavesTheOldMapOrTheNew) { expectAKillLeavesAMap(sample()); }
+
 TEST_F(BccMap, WithoutALockNothingIsMade) { expectFailureWithoutALock(sample()); }
 
 TEST_F(BccMap, WrongUsage) {

@@ -14,10 +14,12 @@
 #include <filesystem>
 #include <functional>
 #include <future>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "faults/killed.h"
 #include "programs/postfix_config.h"
 #include "programs/run_program.h"
 #include "support/database.h"
@@ -206,6 +208,24 @@ class RuleMapTest : public testing::Test {
     writePostfixConfig(kPostmapConfig, "compatibility_level = 3.6\n");
     EXPECT_NE(find(sample.map, sample.oldKey), "");
     EXPECT_EQ(find(sample.map, sample.newKey), "");
+  }
+
+  // At whatever moment a run and its postmap are killed, Postfix finds the old map or the
+  // new one, and the next run makes the new one.
+  static void expectAKillLeavesAMap(const Sample &sample) {
+    std::mt19937 random{1};
+    for (int i = 0; i < kills() / 4 + 1; i++) {
+      expectOldMap(sample);
+      acknowledgedWhenKilled(
+          [&sample](const Acknowledge &) {
+            (void)sample.run();
+            return pause();
+          },
+          0, static_cast<long>(random() % 20'000'000));
+      EXPECT_NE(find(sample.map, sample.oldKey), "") << i;
+      EXPECT_EQ(sample.run().status, 0);
+      EXPECT_NE(find(sample.map, sample.newKey), "") << i;
+    }
   }
 
   static inline const std::string kFolder = "/var/packages/Postwell/target/etc/postfix";
