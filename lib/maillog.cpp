@@ -18,6 +18,7 @@
 
 #include "DBHandler.h"
 #include "internal/log.h"
+#include "internal/move_lock.h"
 #include "internal/paths.h"
 #include "internal/schemas.h"
 #include "internal/statement.h"
@@ -212,18 +213,18 @@ MailLog::~MailLog() {
   if (m_MailLogDB != nullptr) leave(*m_MailLogDB);  // without memory there is none
 }
 
-// Connects to the log and to its write-ahead log. SQLite opens that by its name at the
-// first read: had the collector moved the log aside since, it would be the next log's,
-// whose pages would be taken for this one's.
+// Connects to the log and to its journal or write-ahead log. SQLite opens these by their
+// names at the first read: had the collector moved the log aside since, they would be the
+// next log's, whose pages would be taken for this one's, or rolled back in it.
 bool MailLog::openLog(const char *path) noexcept {
   for (int tries = 1;; tries++) {
     const bool isLast = tries == kMostTries;
+    if (tries > 1) usleep(kPauseMicroseconds);
+    const internal::MoveLock staying(internal::MoveLock::kOpening);
+    if (staying.isRefused() && !isLast) continue;
     const struct stat before = at(path);
     const bool wasMissing = before.st_ino == 0;
-    if (wasMissing && !isLast && isCollectorsToMake(path)) {
-      usleep(kPauseMicroseconds);
-      continue;
-    }
+    if (wasMissing && !isLast && isCollectorsToMake(path)) continue;
     const bool opened = m_MailLogDB->connect() == 0;
     // a damaged file is met by the first query
     if (opened) Statement(m_MailLogDB->getDB(), "PRAGMA schema_version;").next();
@@ -233,7 +234,6 @@ bool MailLog::openLog(const char *path) noexcept {
       return opened;
     leave(*m_MailLogDB);
     if (isLast) return m_MailLogDB->createDB() == 0;  // whoever began it has given up
-    usleep(kPauseMicroseconds);
   }
 }
 

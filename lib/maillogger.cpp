@@ -31,6 +31,7 @@
 #include "DBHandler.h"
 #include "internal/folder.h"
 #include "internal/log.h"
+#include "internal/move_lock.h"
 #include "internal/paths.h"
 #include "internal/schemas.h"
 #include "internal/statement.h"
@@ -401,7 +402,8 @@ void MailLogger::rotateLog() noexcept try {
 
 // False when the log stays where it is, to be moved after the next flush.
 bool MailLogger::moveAside(const std::string &savedName) noexcept {
-  if (!makeWhole(*m_MailLogDB)) {
+  const internal::MoveLock alone(internal::MoveLock::kMoving);
+  if (alone.isRefused() || !makeWhole(*m_MailLogDB)) {
     LOG_DEBUGGING("%s is in use, rotate later", paths::kMailLogDB);
     return false;
   }

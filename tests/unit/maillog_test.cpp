@@ -2,6 +2,7 @@
 
 #include "maillog.h"
 
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,11 +23,13 @@
 namespace {
 
 long sleptMs = 0;
+std::function<void()> whileAsleep;
 
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) int usleep(useconds_t microseconds) {
   sleptMs += static_cast<long>(microseconds / 1000);
+  if (whileAsleep) whileAsleep();
   return 0;
 }
 
@@ -86,6 +89,7 @@ class MailLogTest : public LibraryTest {
     connections::closeLeft();
     EXPECT_EQ(log.take().size(), 2u);
     sleptMs = 0;
+    whileAsleep = nullptr;
     sql::takeStatements();
   }
   ~MailLogTest() override { connections::closeLeft(); }
@@ -224,6 +228,35 @@ TEST_F(MailLogTest, AMissingLogIsLeftToACollectorForASecondThenMade) {
   EXPECT_EQ(sleptMs, 990);
   std::remove(collector::kSocket.c_str());
   EXPECT_EQ(log.take().size(), 2u);
+}
+
+// What SQLite opens by its name when it first reads would be the next log's.
+TEST_F(MailLogTest, ALogThatIsBeingMovedIsNotOpened) {
+  store("old");
+  std::optional<collector::FolderLock> collector(LOCK_EX);
+  whileAsleep = [&] {
+    whileAsleep = nullptr;
+    EXPECT_EQ(connections::left(), 0);
+    ASSERT_EQ(rename(kLog.c_str(), (kFolder + "maillog_20231114.db").c_str()), 0);
+    collector.reset();
+    const MailLog next(kLog.c_str());
+    store("new");
+  };
+  MailLog reader(kLog.c_str());
+  EXPECT_EQ(reader.error(), 0);
+  Entries found;
+  EXPECT_EQ(reader.load(-1, 0, "date", "asc", found), 0);
+  EXPECT_EQ(ids(found), Rows{"new"});
+  EXPECT_EQ(sleptMs, 10);
+  expectLog({kMissingLog});
+}
+
+TEST_F(MailLogTest, AMoveThatDoesNotEndIsWaitedForForASecond) {
+  store("kept");
+  const collector::FolderLock collector(LOCK_EX);
+  MailLog reader(kLog.c_str());
+  EXPECT_EQ(sleptMs, 990);
+  EXPECT_EQ(reader.getLogNum(), 1);
 }
 
 // SQLite opens the write-ahead log, by its name, when it first reads.

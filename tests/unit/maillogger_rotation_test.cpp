@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -592,6 +593,19 @@ TEST_F(RotationTest, AReaderInATransactionThroughTenRotationsCostsNoRow) {
   pass(1);
   EXPECT_EQ(allIds(), stored());
   log.take();
+}
+
+TEST_F(RotationTest, WhileSomebodyOpensTheLogItStaysInItsPlace) {
+  {
+    const FolderLock reader(LOCK_SH);
+    pass(kThreshold + 1);
+    expectLog({"debug maillogger.cpp: " + kLog + " is in use, rotate later"});
+    EXPECT_EQ(savedLogs(), Rows());
+  }
+  pass(1);
+  EXPECT_EQ(savedLogs(), Rows{kToday});
+  EXPECT_EQ(allIds(), stored());
+  expectRotations(1);
 }
 
 TEST_F(RotationTest, ACheckpointOfAnotherDelaysTheRotationAndCostsNoRow) {
