@@ -11,7 +11,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
@@ -20,6 +19,7 @@
 
 #include "cli.h"
 #include "command.h"
+#include "common/text.h"
 #include "fuzz.h"
 
 namespace {
@@ -66,9 +66,21 @@ void giveInput(const std::string &text) {
   expect(fileno(stdin) == STDIN_FILENO, "standard input is elsewhere");
 }
 
+// Letters of every language, but nothing that a terminal obeys: controls, and what turns
+// the order of the letters or ends a line.
 bool isPlain(const std::string &text) {
-  return std::all_of(text.begin(), text.end(),
-                     [](char c) { return c == '\n' || (c >= ' ' && c <= '~'); });
+  if (!isUtf8(text)) return false;
+  const auto byte = [&text](size_t at) {
+    return at < text.size() ? static_cast<unsigned char>(text[at]) : 0U;
+  };
+  for (size_t i = 0; i < text.size(); i++) {
+    const unsigned first = byte(i), second = byte(i + 1), third = byte(i + 2);
+    if ((first < ' ' && first != '\n') || first == 0x7f) return false;
+    if (first == 0xc2 && second < 0xa0) return false;
+    if (first == 0xe2 && second == 0x80 && third >= 0xa8 && third <= 0xae) return false;
+    if (first == 0xe2 && second == 0x81 && third >= 0xa6 && third <= 0xa9) return false;
+  }
+  return true;
 }
 
 // Holds what is written to a stream while it lives.
