@@ -11,10 +11,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "cli.h"
@@ -66,6 +68,11 @@ void giveInput(const std::string &text) {
   expect(fileno(stdin) == STDIN_FILENO, "standard input is elsewhere");
 }
 
+bool isAscii(const std::string &text) {
+  return std::all_of(text.begin(), text.end(),
+                     [](char c) { return c == '\n' || (c >= ' ' && c <= '~'); });
+}
+
 // Letters of every language, but nothing that a terminal obeys: controls, and what turns
 // the order of the letters or ends a line.
 bool isPlain(const std::string &text) {
@@ -99,12 +106,15 @@ class Catch {
   std::streambuf *old_;
 };
 
-Outcome checked(const std::function<int()> &run) {
+Outcome checked(const std::vector<std::string> &words, const std::function<int()> &run) {
   const std::string before = readWhole(kSettings);
   const Catch out(std::cout), err(std::cerr);
   const Outcome outcome = {run(), out.text(), err.text()};
   expect(outcome.status >= 0 && outcome.status <= 2, "the exit status is another");
-  expect(isPlain(outcome.out) && isPlain(outcome.err), "the output is not plain");
+  const bool isJson = std::find(words.begin(), words.end(), "--json") != words.end() &&
+                      nlohmann::json::accept(outcome.out);
+  expect(isAscii(outcome.err), "what it complains of is not plain");
+  expect(isJson ? isAscii(outcome.out) : isPlain(outcome.out), "the output is not plain");
   expect(outcome.status == 0 || !outcome.err.empty(), "it fails and does not say why");
   expect(outcome.status != 2 || readWhole(kSettings) == before,
          "what is refused changes the settings");
@@ -135,13 +145,13 @@ Outcome runCommand(const std::vector<std::string> &words, const std::string &inp
   std::vector<const char *> arguments = {"postwell"};
   for (const std::string &word : words) arguments.push_back(word.c_str());
   giveInput(input);
-  return checked([&arguments] {
+  return checked(words, [&arguments] {
     return runCli(static_cast<int>(arguments.size()), arguments.data());
   });
 }
 
 Outcome runNoun(void (*addNoun)(CLI::App &), const std::vector<std::string> &words) {
-  return checked([&] {
+  return checked(words, [&] {
     CLI::App app("", "postwell");
     addNoun(app);
     try {

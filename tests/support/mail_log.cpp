@@ -1,8 +1,6 @@
 #include "support/mail_log.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -92,11 +90,5 @@ Rows allIds() {
   std::sort(all.begin(), all.end());
   return all;
 }
-
-FolderLock::FolderLock(int kind) : folder_(open(kFolder.c_str(), O_RDONLY | O_CLOEXEC)) {
-  EXPECT_EQ(flock(folder_, kind | LOCK_NB), 0) << strerror(errno);
-}
-
-FolderLock::~FolderLock() { close(folder_); }
 
 }  // namespace collector

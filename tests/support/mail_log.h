@@ -55,18 +55,6 @@ std::vector<std::string> savedLogs();
 // complains about stands among them.
 Rows allIds();
 
-// Held by who opens the live log (LOCK_SH), and by who moves it aside (LOCK_EX).
-class FolderLock {
- public:
-  explicit FolderLock(int kind);
-  ~FolderLock();
-  FolderLock(const FolderLock &) = delete;
-  FolderLock &operator=(const FolderLock &) = delete;
-
- private:
-  const int folder_;
-};
-
 }  // namespace collector
 
 #endif  // POSTWELL_TESTS_MAIL_LOG_H_

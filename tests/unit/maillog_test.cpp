@@ -2,7 +2,6 @@
 
 #include "maillog.h"
 
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <functional>
 #include <optional>
 
+#include "internal/move_lock.h"
 #include "maillogger.h"
 #include "support/connections.h"
 #include "support/database.h"
@@ -40,6 +40,7 @@ using collector::kLog;
 using collector::kStatistic;
 using collector::Rows;
 using database::rowsOf;
+using internal::MoveLock;
 using Entries = std::vector<MailLogInfo>;
 
 const std::string kMissingLog = "DBHandler.cpp: " + kLog + " isn't exist, create DB";
@@ -233,7 +234,7 @@ TEST_F(MailLogTest, AMissingLogIsLeftToACollectorForASecondThenMade) {
 // What SQLite opens by its name when it first reads would be the next log's.
 TEST_F(MailLogTest, ALogThatIsBeingMovedIsNotOpened) {
   store("old");
-  std::optional<collector::FolderLock> collector(LOCK_EX);
+  std::optional<MoveLock> collector(MoveLock::kMoving);
   whileAsleep = [&] {
     whileAsleep = nullptr;
     EXPECT_EQ(connections::left(), 0);
@@ -253,7 +254,7 @@ TEST_F(MailLogTest, ALogThatIsBeingMovedIsNotOpened) {
 
 TEST_F(MailLogTest, AMoveThatDoesNotEndIsWaitedForForASecond) {
   store("kept");
-  const collector::FolderLock collector(LOCK_EX);
+  const MoveLock collector(MoveLock::kMoving);
   MailLog reader(kLog.c_str());
   EXPECT_EQ(sleptMs, 990);
   EXPECT_EQ(reader.getLogNum(), 1);

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include <optional>
 #include <random>
 
+#include "internal/move_lock.h"
 #include "maillog.h"
 #include "maillogger.h"
 #include "platform/children.h"
@@ -597,7 +597,7 @@ TEST_F(RotationTest, AReaderInATransactionThroughTenRotationsCostsNoRow) {
 
 TEST_F(RotationTest, WhileSomebodyOpensTheLogItStaysInItsPlace) {
   {
-    const FolderLock reader(LOCK_SH);
+    const internal::MoveLock reader(internal::MoveLock::kOpening);
     pass(kThreshold + 1);
     expectLog({"debug maillogger.cpp: " + kLog + " is in use, rotate later"});
     EXPECT_EQ(savedLogs(), Rows());
